@@ -1,0 +1,77 @@
+#pragma once
+
+// Header classification and field scanning for Leitch command text. Everything
+// here works in place on NUL-terminated text and never allocates.
+
+#include <cstddef>
+
+namespace leitch {
+
+// Message-type codes of the header table.
+enum MessageCode : int {
+    kUnknown = -1,
+    kReportOff = 0,       // "@ !"
+    kReportOn = 1,        // "@ ?"
+    kPresetClear = 2,     // "@ B:C"
+    kPresetExecute = 3,   // "@ B:E"
+    kPreset = 4,          // "@ P:"
+    kLevelStatus = 5,     // "@ S?"
+    kOutputStatus = 6,    // "@ X?"
+    kLock = 7,            // "@ W:"
+    kLockDuplicate = 8,   // "@ W:" again; never produced, the row above matches first
+    kReset = 9,           // "@ Z:"
+    kDirectTake = 10,     // "@ X:"
+    kFrameSize = 11,      // "@ F?"
+    kDeviceInfo = 12,     // "@ I?"
+    kQueryQ = 13,         // "@ Q?", ignored
+    kQueryM = 14,         // "@ M?", ignored
+    kTimeSet = 15,        // "@ T,", ignored
+    kOutputPreset = 16,   // "@ P?"
+    kLevelPreset = 17,    // "@ V?"
+    kCodeCount = 18,
+};
+
+struct HeaderRow {
+    int code;
+    char text[12];
+};
+
+// The header table, in match order, ended by a row with code -1.
+extern const HeaderRow statusHeader[19];
+
+// True for the characters that end a message: NUL, LF and CR.
+inline bool ends_message(char c) { return c == '\0' || c == '\n' || c == '\r'; }
+
+// Classify the command at *text by the first header of statusHeader that it
+// starts with; on a match step *text over the header. Returns the code or -1.
+int msg_switcher(char** text);
+
+// Length of the field at p: characters up to the first terminator, NUL, LF or CR.
+int find_len(const char* p, char terminator);
+
+// Read one field at p with a scanf conversion ("%X" or "%d" into an int).
+// width -1 means "up to the terminator" (find_len); any other width is taken as
+// it stands. At most 31 characters are converted. The conversion's outcome is
+// not reported: `out` keeps its value when nothing converts. Returns p + width.
+char* asc_val(char* p, int width, const char* format, void* out, char terminator);
+
+// As asc_val, and tells whether the conversion produced a value.
+char* asc_val(char* p, int width, const char* format, void* out, char terminator,
+              bool* converted);
+
+// Convert the field that asc_val with width -1 would read at p, without
+// measuring the whole field: for fields that run to the end of a message
+// (terminator CR) where the caller does not need the end position.
+bool read_field(const char* p, const char* format, int* out, char terminator);
+
+// Step over a run of separators: ',', '/', ':' and 'I'.
+char* move_next(char* p);
+
+// What sscanf(p, "%d", out) does, without measuring the rest of the text: skip
+// white space, optional sign, decimal digits. Returns false when no digit follows.
+bool scan_decimal(const char* p, int* out);
+
+// A single hexadecimal digit as "%X" reads one character; -1 for anything else.
+int hex_digit(char c);
+
+}  // namespace leitch
