@@ -29,43 +29,47 @@ void LeitchHost::PresetXpoint(char* text) {
     int destination = -1;
     int source = -1;
     int device = deviceId;
-    std::vector<int> levels;
     std::map<int, int> crosspoints;  // destination -> source, switched in this order
 
-    // Levels: one hex digit each up to the "/". A character that is not a digit
-    // repeats the previous level; in first place it is ignored.
-    char* p = text;
-    bool haveLevel = false;
-    int level = 0;
-    for (; *p != '/' && !ends_message(*p); ++p) {
-        const int digit = hex_digit(*p);
-        if (digit >= 0) {
-            level = digit;
-            haveLevel = true;
-        }
-        if (haveLevel) levels.push_back(level);
-    }
+    // The levels run up to the "/"; they are read once there is something to
+    // switch. Fields run on across ';' into later commands, so they are
+    // measured with the line's field ends.
+    char* const levelsEnd = text + fieldEnds.find_len(text, '/');
 
     // Groups "destination,source" separated by "/", up to an optional ":device".
+    char* p = levelsEnd;
     while (*p != ':' && !ends_message(*p)) {
-        p = asc_val(move_next(p), -1, "%X", &destination, ',');
+        p = move_next(p);
+        p = asc_val(p, fieldEnds.find_len(p, ','), "%X", &destination, ',');
         // The source runs to the "/" of the next group or to the ":" of the
         // device field, whichever comes first.
-        const char terminator = find_len(p, '/') < find_len(p, ':') ? '/' : ':';
+        const char terminator =
+            fieldEnds.find_len(p, '/') < fieldEnds.find_len(p, ':') ? '/' : ':';
         p = move_next(p);
         if (*p == 'X') {
             // No source. The scan stays on the "X", so "X" works as the last group
             // only: a following group is read as a (failing) destination field.
             crosspoints[destination] = -1;
         } else if (hex_digit(*p) >= 0) {
-            p = asc_val(p, -1, "%X", &source, terminator);
+            p = asc_val(p, fieldEnds.find_len(p, terminator), "%X", &source, terminator);
             crosspoints[destination] = source;
         }
     }
     if (*p == ':') leitch::read_field(move_next(move_next(p)), "%X", &device, '\r');
+    if (crosspoints.empty()) return;
 
-    if (levels.empty() || crosspoints.empty()) return;
-    for (const int l : levels) {
+    // Levels: one hex digit each, taken in turn as they stand in the text. A
+    // character that is not a digit repeats the previous level; in first place
+    // it is ignored.
+    bool haveLevel = false;
+    int l = 0;
+    for (const char* c = text; c != levelsEnd; ++c) {
+        const int digit = hex_digit(*c);
+        if (digit >= 0) {
+            l = digit;
+            haveLevel = true;
+        }
+        if (!haveLevel) continue;
         for (const auto& [d, s] : crosspoints) {
             if (presetLock[l][d] == kOwnerOnly) {
                 const auto owners = xpointLock.find(l);
@@ -148,9 +152,13 @@ void LeitchHost::LockXpoint(char* text) {
     int owner = 0;
     int state = 0;
     bool converted = false;
-    p = asc_val(move_next(p), -1, "%X", &destination, ',', &converted);
+    // The destination and owner fields run to the next ',', which may lie in a
+    // later command of the line.
+    p = move_next(p);
+    p = asc_val(p, fieldEnds.find_len(p, ','), "%X", &destination, ',', &converted);
     bool valid = converted;
-    p = asc_val(move_next(p), -1, "%X", &owner, ',', &converted);
+    p = move_next(p);
+    p = asc_val(p, fieldEnds.find_len(p, ','), "%X", &owner, ',', &converted);
     valid = valid && converted;
     p = move_next(p);
     valid = valid && !ends_message(*p);

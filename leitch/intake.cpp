@@ -50,6 +50,21 @@ const Handler kHandlers[leitch::kCodeCount] = {
     [](LeitchHost& h, char* t) { h.SendXpointLevelPreset(t); },      // 17 "@ V?"
 };
 
+// Lets the handlers use the field ends of one line for as long as it is being
+// decoded, however the decoding ends.
+class LineFields {
+public:
+    LineFields(leitch::FieldEnds& fields, const char* line) : fields_(fields) {
+        fields_.begin_line(line);
+    }
+    ~LineFields() { fields_.end_line(); }
+    LineFields(const LineFields&) = delete;
+    LineFields& operator=(const LineFields&) = delete;
+
+private:
+    leitch::FieldEnds& fields_;
+};
+
 bool is_terminator(char c) { return c == '\r' || c == '\n'; }
 bool is_leading_white(char c) { return c == '\t' || c == '\r' || c == '\n'; }
 
@@ -82,6 +97,7 @@ void LeitchHost::Decode(std::string& line) {
     // The line is read as C text: it ends at its first NUL (or, should one ever
     // be there, at a CR or LF).
     char* cursor = &line[0];
+    const LineFields fields(fieldEnds, cursor);
     while (!leitch::ends_message(*cursor)) {
         char* const command = cursor;
         const int code = leitch::msg_switcher(&cursor);

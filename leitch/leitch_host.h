@@ -8,6 +8,7 @@
 #include "framework/command_driver.h"
 #include "framework/interface.h"
 #include "framework/protocol_converter.h"
+#include "leitch/scan.h"
 
 // The host (router) side of the Leitch pass-through protocol: one instance per
 // client link. It keeps, per Leitch level, its own picture of the router and
@@ -76,4 +77,8 @@ private:
     LevelTable xpointPreset;  // destination -> pending preset source
     LevelTable presetLock;    // destination -> lock state, as the router reported it
     LevelTable xpointLock;    // destination -> device number that asked for the lock
+
+    // Field ends of the line being decoded, for the commands whose fields run
+    // on across ';' (Decode starts and ends each line).
+    leitch::FieldEnds fieldEnds;
 };

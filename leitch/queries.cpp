@@ -148,13 +148,16 @@ void LeitchHost::SendDeviceInformation(char* text) {
     } else if (kind == 'V') {
         std::snprintf(report, sizeof report, "%sI!V,%X,%X,0,100,0,100", kPrefix, deviceId, 0);
     } else if (kind == 'A') {
-        // The device name travels as two hex digits per byte.
-        std::string name;
-        for (const char* c = kDeviceName; *c; ++c) {
-            char digits[3];
-            std::snprintf(digits, sizeof digits, "%02X", static_cast<unsigned char>(*c));
-            name += digits;
-        }
+        // The device name travels as two hex digits per byte; it never changes.
+        static const std::string name = [] {
+            std::string digits;
+            for (const char* c = kDeviceName; *c; ++c) {
+                char pair[3];
+                std::snprintf(pair, sizeof pair, "%02X", static_cast<unsigned char>(*c));
+                digits += pair;
+            }
+            return digits;
+        }();
         std::snprintf(report, sizeof report, "%sI!A,%X,%X,%X,%s", kPrefix, deviceId, 0,
                       static_cast<unsigned>(std::char_traits<char>::length(kDeviceName)),
                       name.c_str());

@@ -1,5 +1,6 @@
 #include "leitch/scan.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -126,6 +127,55 @@ bool scan_decimal(const char* p, int* out) {
     }
     *out = static_cast<int>(static_cast<unsigned long>(value));
     return true;
+}
+
+void FieldEnds::begin_line(const char* line) {
+    line_ = line;
+    ++lineNumber_;
+}
+
+void FieldEnds::end_line() { line_ = nullptr; }
+
+FieldEnds::Scan* FieldEnds::scan_for(char terminator) {
+    if (!line_) return nullptr;
+    Scan* scan = nullptr;
+    switch (terminator) {
+        case ',': scan = &scans_[0]; break;
+        case '/': scan = &scans_[1]; break;
+        case ':': scan = &scans_[2]; break;
+        default: return nullptr;
+    }
+    if (scan->lineNumber != lineNumber_) {
+        // First use on this line. A very long line's list is not kept.
+        constexpr size_t kKeptEnds = 4096;
+        if (scan->ends.capacity() > kKeptEnds) std::vector<const char*>().swap(scan->ends);
+        scan->ends.clear();
+        scan->next = line_;
+        scan->lineNumber = lineNumber_;
+    }
+    return scan;
+}
+
+int FieldEnds::find_len(const char* p, char terminator) {
+    // Most fields end within a few characters: those are measured directly.
+    constexpr int kNear = 32;
+    const unsigned char t = static_cast<unsigned char>(terminator);
+    for (int n = 0; n < kNear; ++n) {
+        const unsigned char c = static_cast<unsigned char>(p[n]);
+        if (c == t || c == '\0' || c == '\n' || c == '\r') return n;
+    }
+    Scan* const scan = scan_for(terminator);
+    if (!scan) return kNear + leitch::find_len(p + kNear, terminator);
+    // Every field end of the line before `next` is in `ends`. Scan on until
+    // there is one at or after p, or the scan has reached the line's NUL.
+    while (scan->next && (scan->ends.empty() || scan->ends.back() < p)) {
+        const char* const end = scan->next + leitch::find_len(scan->next, terminator);
+        scan->ends.push_back(end);
+        scan->next = *end == '\0' ? nullptr : end + 1;
+    }
+    const auto end = std::lower_bound(scan->ends.begin(), scan->ends.end(), p);
+    if (end == scan->ends.end()) return leitch::find_len(p, terminator);  // beyond the NUL
+    return static_cast<int>(*end - p);
 }
 
 }  // namespace leitch

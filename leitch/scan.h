@@ -1,9 +1,10 @@
 #pragma once
 
 // Header classification and field scanning for Leitch command text. Everything
-// here works in place on NUL-terminated text and never allocates.
+// here works in place on NUL-terminated text; only FieldEnds keeps a list.
 
 #include <cstddef>
+#include <vector>
 
 namespace leitch {
 
@@ -73,5 +74,33 @@ bool scan_decimal(const char* p, int* out);
 
 // A single hexadecimal digit as "%X" reads one character; -1 for anything else.
 int hex_digit(char c);
+
+// find_len for the separators ',', '/' and ':' on one line, answered from one
+// scan of the line per separator. The preset and lock commands read their
+// fields on across ';' into the commands after them, so on a long line of such
+// commands measuring every field from scratch costs time in the square of the
+// line's length; with this the cost stays linear.
+class FieldEnds {
+public:
+    // From now on find_len may answer from `line`, which must stay unchanged
+    // until end_line.
+    void begin_line(const char* line);
+    void end_line();
+
+    // Exactly find_len(p, terminator).
+    int find_len(const char* p, char terminator);
+
+private:
+    struct Scan {
+        std::vector<const char*> ends;  // every field end found so far, ascending
+        const char* next = nullptr;     // where the scan goes on; null once at the NUL
+        unsigned long lineNumber = 0;   // the line the two above belong to
+    };
+    Scan* scan_for(char terminator);
+
+    const char* line_ = nullptr;  // null outside a line
+    unsigned long lineNumber_ = 0;
+    Scan scans_[3];  // ',', '/', ':'
+};
 
 }  // namespace leitch

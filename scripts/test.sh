@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite on a fresh Debian machine: installs what is missing,
 # then builds and runs every test twice, in the normal build and under
-# AddressSanitizer + UndefinedBehaviorSanitizer.
+# AddressSanitizer + UndefinedBehaviorSanitizer, and fuzzes the plug-in for a
+# bounded time (LEITCH_FUZZ_SECONDS, 120 unless set). Any finding fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,3 +15,23 @@ for preset in default sanitize; do
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$jobs"
 done
+
+echo "=== fuzz build"
+cmake --preset fuzz
+cmake --build --preset fuzz -j "$jobs"
+
+# New inputs go to the working corpus; the transcript seeds and the saved
+# regressions are read only. A finding stops the run and is written to
+# build/fuzz/artifacts/: add it to fuzz/regressions/ together with the fix.
+seconds=${LEITCH_FUZZ_SECONDS:-120}
+mkdir -p build/fuzz/corpus build/fuzz/artifacts
+echo "=== fuzzing for ${seconds}s on $jobs processes"
+if ! build/fuzz/fuzz/leitch_fuzz -fork="$jobs" -max_total_time="$seconds" \
+    -ignore_crashes=0 -ignore_timeouts=0 -ignore_ooms=0 \
+    -max_len=4096 -timeout=20 -rss_limit_mb=2048 -dict=fuzz/leitch.dict \
+    -artifact_prefix=build/fuzz/artifacts/ -print_final_stats=1 \
+    build/fuzz/corpus build/fuzz/fuzz/seeds fuzz/regressions; then
+  echo "fuzzing found a problem; inputs in build/fuzz/artifacts/:" >&2
+  ls -l build/fuzz/artifacts/ >&2
+  exit 1
+fi
