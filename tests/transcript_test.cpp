@@ -13,12 +13,12 @@ namespace {
 
 std::vector<LevelDesc> parse_levels(const TranscriptStep& step) {
     std::vector<LevelDesc> levels;
-    for (const std::string& spec : step.args) {
+    for (const std::string& text : step.args) {
         LevelDesc d;
         char colon = 0, by = 0;
-        std::istringstream in(spec);
+        std::istringstream in(text);
         if (!(in >> d.level >> colon >> d.sources >> by >> d.destinations) || colon != ':' || by != 'x') {
-            ADD_FAILURE() << "line " << step.line << ": bad level " << spec;
+            ADD_FAILURE() << "line " << step.line << ": bad level " << text;
         }
         levels.push_back(d);
     }
