@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <unordered_map>
+#include <vector>
+
+#include "framework/command_driver.h"
+#include "sim/log.h"
+#include "sim/router.h"
+#include "sim/switch_queue.h"
+
+namespace routerd {
+
+// The CommandDriver of one client's converter instance: its own preset queue
+// in front of the shared router. Takes and locks go to the router on the next
+// frame, through the switch queue.
+class ClientDriver final : public CommandDriver {
+public:
+    ClientDriver(int client, const Router& router, SwitchQueue& switches, const Log& log)
+        : client_(client), router_(router), switches_(switches), log_(log) {}
+
+    void TakePresets() override;
+    void ClearPresets() override;
+    void PresetCrosspoint(int level, int source, int destination) override;
+    void LockCrosspoint(int level, int destination, int state) override;
+
+    std::size_t presets_waiting() const { return presets_.size(); }
+
+private:
+    struct Preset {
+        int level, source, destination;
+    };
+    static std::uint64_t key(int level, int destination) {
+        return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(level)) << 32) |
+               static_cast<std::uint32_t>(destination);
+    }
+
+    int client_;
+    const Router& router_;
+    SwitchQueue& switches_;
+    const Log& log_;
+    // One preset per destination, as on a router's preset bus: presetting a
+    // destination again replaces its source. So the queue never outgrows the router.
+    std::vector<Preset> presets_;
+    std::unordered_map<std::uint64_t, std::size_t> preset_index_;
+};
+
+}  // namespace routerd

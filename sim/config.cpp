@@ -1,0 +1,217 @@
+#include "sim/config.h"
+
+#include <cstdint>
+#include <limits>
+#include <set>
+
+#include <toml++/toml.h>
+
+namespace routerd {
+
+namespace {
+
+constexpr std::int64_t kMaxSize = 65536;  // sources or destinations of one level
+constexpr std::size_t kMaxLevels = 256;
+
+SimulatorConfig builtin() {
+    SimulatorConfig config;
+    config.converter = {
+        {"device_id", "1"},
+        {"level_mapping_video", "0,1"},
+        {"level_control_video", "on,on"},
+    };
+    config.levels = {{0, "video", 32, 32}, {1, "audio", 32, 32}};
+    return config;
+}
+
+// Reads one file; every complaint names the file, the line and the key.
+class Reader {
+public:
+    explicit Reader(std::string path) : path_(std::move(path)) {}
+
+    [[noreturn]] void fail(const toml::source_region& where, const std::string& key,
+                           const std::string& what) const {
+        throw ConfigError(path_ + ":" + std::to_string(where.begin.line) + ": key '" + key + "': " + what);
+    }
+
+    void only_known_keys(const toml::table& table, const std::string& prefix,
+                         const std::set<std::string>& known) const {
+        for (const auto& [key, node] : table) {
+            if (known.count(std::string(key.str())) == 0)
+                fail(node.source(), prefix + std::string(key.str()), "unknown key");
+        }
+    }
+
+    const toml::table* table(const toml::table& parent, const std::string& name,
+                             const std::string& prefix) const {
+        const toml::node* node = parent.get(name);
+        if (!node) return nullptr;
+        if (!node->is_table()) fail(node->source(), prefix + name, "must be a table");
+        return node->as_table();
+    }
+
+    std::int64_t integer(const toml::node& node, const std::string& key, std::int64_t low,
+                         std::int64_t high) const {
+        const auto* value = node.as_integer();
+        if (!value || value->get() < low || value->get() > high)
+            fail(node.source(), key, "must be an integer from " + std::to_string(low) + " to " + std::to_string(high));
+        return value->get();
+    }
+
+    std::int64_t required_integer(const toml::table& table, const std::string& name, const std::string& prefix,
+                                  std::int64_t low, std::int64_t high) const {
+        const toml::node* node = table.get(name);
+        if (!node) fail(table.source(), prefix + name, "missing");
+        return integer(*node, prefix + name, low, high);
+    }
+
+    std::string string(const toml::node& node, const std::string& key) const {
+        const auto* value = node.as_string();
+        if (!value) fail(node.source(), key, "must be a string");
+        return value->get();
+    }
+
+    void server(const toml::table& server, SimulatorConfig& config) const {
+        only_known_keys(server, "server.", {"listen", "max_clients", "max_line_bytes", "max_output_bytes"});
+        if (const toml::node* listen = server.get("listen")) {
+            config.listen = string(*listen, "server.listen");
+            try {
+                parse_listen(config.listen);
+            } catch (const std::invalid_argument& e) {
+                fail(listen->source(), "server.listen", e.what());
+            }
+        }
+        if (const toml::node* n = server.get("max_clients"))
+            config.limits.max_clients = static_cast<std::size_t>(integer(*n, "server.max_clients", 1, 100000));
+        if (const toml::node* n = server.get("max_line_bytes"))
+            config.limits.max_line_bytes =
+                static_cast<std::size_t>(integer(*n, "server.max_line_bytes", 16, std::int64_t{1} << 30));
+        if (const toml::node* n = server.get("max_output_bytes"))
+            config.limits.max_output_bytes =
+                static_cast<std::size_t>(integer(*n, "server.max_output_bytes", 1024, std::int64_t{1} << 32));
+    }
+
+    void plugin(const toml::table& plugin, SimulatorConfig& config) const {
+        only_known_keys(plugin, "plugin.", {"path", "config"});
+        if (const toml::node* path = plugin.get("path")) config.plugin_path = string(*path, "plugin.path");
+        const toml::table* converter = table(plugin, "config", "plugin.");
+        if (!converter) return;
+        // The converter reads its settings as strings; integers are accepted for convenience.
+        config.converter.clear();
+        for (const auto& [key, node] : *converter) {
+            const std::string name = "plugin.config." + std::string(key.str());
+            if (const auto* text = node.as_string()) {
+                config.converter[std::string(key.str())] = text->get();
+            } else if (const auto* number = node.as_integer()) {
+                config.converter[std::string(key.str())] = std::to_string(number->get());
+            } else {
+                fail(node.source(), name, "must be a string or an integer");
+            }
+        }
+    }
+
+    void levels(const toml::node& node, SimulatorConfig& config) const {
+        const toml::array* list = node.as_array();
+        if (!list || !list->is_array_of_tables()) fail(node.source(), "level", "must be an array of tables ([[level]])");
+        if (list->empty()) fail(node.source(), "level", "at least one level is needed");
+        if (list->size() > kMaxLevels) fail(node.source(), "level", "at most " + std::to_string(kMaxLevels) + " levels");
+        config.levels.clear();
+        config.crosspoints.clear();
+        config.locks.clear();
+        std::set<int> numbers;
+        for (std::size_t i = 0; i < list->size(); ++i) {
+            const toml::table& level = *list->get(i)->as_table();
+            const std::string prefix = "level[" + std::to_string(i) + "].";
+            only_known_keys(level, prefix, {"number", "name", "sources", "destinations", "crosspoints", "locks"});
+            LevelSpec spec;
+            spec.number = static_cast<int>(required_integer(level, "number", prefix, std::numeric_limits<int>::min(),
+                                                            std::numeric_limits<int>::max()));
+            if (!numbers.insert(spec.number).second)
+                fail(level.get("number")->source(), prefix + "number", "level " + std::to_string(spec.number) + " is defined twice");
+            if (const toml::node* name = level.get("name")) spec.name = string(*name, prefix + "name");
+            spec.sources = static_cast<int>(required_integer(level, "sources", prefix, 1, kMaxSize));
+            spec.destinations = static_cast<int>(required_integer(level, "destinations", prefix, 1, kMaxSize));
+            config.levels.push_back(spec);
+            initial_crosspoints(level, prefix, spec, config);
+            initial_locks(level, prefix, spec, config);
+        }
+    }
+
+    // Entries of an inline array of tables, e.g. crosspoints = [ { destination = 5, source = 3 } ].
+    template <typename Each>
+    void entries(const toml::table& level, const std::string& name, const std::string& prefix,
+                 const Each& each) const {
+        const toml::node* node = level.get(name);
+        if (!node) return;
+        const toml::array* list = node->as_array();
+        if (!list) fail(node->source(), prefix + name, "must be an array of tables");
+        for (std::size_t i = 0; i < list->size(); ++i) {
+            const toml::node& entry = *list->get(i);
+            const std::string key = prefix + name + "[" + std::to_string(i) + "].";
+            if (!entry.is_table()) fail(entry.source(), prefix + name + "[" + std::to_string(i) + "]", "must be a table");
+            each(*entry.as_table(), key);
+        }
+    }
+
+    void initial_crosspoints(const toml::table& level, const std::string& prefix, const LevelSpec& spec,
+                             SimulatorConfig& config) const {
+        entries(level, "crosspoints", prefix, [&](const toml::table& entry, const std::string& key) {
+            only_known_keys(entry, key, {"destination", "source"});
+            const auto destination = required_integer(entry, "destination", key, 0, spec.destinations - 1);
+            const auto source = required_integer(entry, "source", key, 0, spec.sources - 1);
+            config.crosspoints.push_back({spec.number, static_cast<int>(destination), static_cast<int>(source)});
+        });
+    }
+
+    void initial_locks(const toml::table& level, const std::string& prefix, const LevelSpec& spec,
+                       SimulatorConfig& config) const {
+        entries(level, "locks", prefix, [&](const toml::table& entry, const std::string& key) {
+            only_known_keys(entry, key, {"destination", "state"});
+            const auto destination = required_integer(entry, "destination", key, 0, spec.destinations - 1);
+            const auto state = required_integer(entry, "state", key, 0, 2);
+            config.locks.push_back({spec.number, static_cast<int>(destination), static_cast<int>(state)});
+        });
+    }
+
+    SimulatorConfig read() const {
+        toml::table root;
+        try {
+            root = toml::parse_file(path_);
+        } catch (const toml::parse_error& e) {
+            const auto& where = e.source();
+            if (where.begin.line == 0) throw ConfigError(path_ + ": " + std::string(e.description()));
+            throw ConfigError(path_ + ":" + std::to_string(where.begin.line) + ": " + std::string(e.description()));
+        }
+        // Whatever the file leaves out keeps its built-in value.
+        SimulatorConfig config = builtin();
+        config.origin = path_;
+        only_known_keys(root, "", {"server", "plugin", "level"});
+        if (const toml::table* s = table(root, "server", "")) server(*s, config);
+        if (const toml::table* p = table(root, "plugin", "")) plugin(*p, config);
+        if (const toml::node* l = root.get("level")) levels(*l, config);
+        return config;
+    }
+
+private:
+    std::string path_;
+};
+
+}  // namespace
+
+SimulatorConfig builtin_config() { return builtin(); }
+
+SimulatorConfig load_config(const std::string& path) { return Reader(path).read(); }
+
+ListenAddress parse_listen(const std::string& text) {
+    const auto colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0 || colon + 1 == text.size())
+        throw std::invalid_argument("expected HOST:PORT, got \"" + text + "\"");
+    std::string host = text.substr(0, colon);
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+    const std::string port = text.substr(colon + 1);
+    if (port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos || std::stoul(port) > 65535)
+        throw std::invalid_argument("port must be a number from 0 to 65535, got \"" + port + "\"");
+    return {host, static_cast<unsigned short>(std::stoul(port))};
+}
+
+}  // namespace routerd

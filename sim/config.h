@@ -1,0 +1,53 @@
+#pragma once
+
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sim/limits.h"
+#include "sim/router.h"
+
+namespace routerd {
+
+// A configuration file that cannot be used; the message names the file, the
+// line and the key.
+class ConfigError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+struct InitialCrosspoint {
+    int level, destination, source;
+};
+
+struct InitialLock {
+    int level, destination, state;
+};
+
+struct SimulatorConfig {
+    std::string origin = "built-in default";  // the file it came from
+    std::string listen = "127.0.0.1:2323";
+    std::string plugin_path;  // empty: the plug-in the build produced, or the installed one
+    Limits limits;
+    std::map<std::string, std::string> converter;  // the converter's LoadConfig map
+    std::vector<LevelSpec> levels;
+    std::vector<InitialCrosspoint> crosspoints;
+    std::vector<InitialLock> locks;
+};
+
+// Two levels, 0 "video" and 1 "audio", of 32 sources by 32 destinations, seen
+// by clients as Leitch levels 0 and 1 of device 1.
+SimulatorConfig builtin_config();
+
+// Reads a TOML file; throws ConfigError.
+SimulatorConfig load_config(const std::string& path);
+
+// "HOST:PORT", "[v6-address]:PORT"; throws std::invalid_argument.
+struct ListenAddress {
+    std::string host;
+    unsigned short port;
+};
+ListenAddress parse_listen(const std::string& text);
+
+}  // namespace routerd

@@ -1,0 +1,84 @@
+// leitch-routerd: a simulated router that Leitch clients drive over TCP,
+// through the converter plug-in loaded exactly as the framework loads it.
+
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "sim/config.h"
+#include "sim/log.h"
+#include "sim/plugin_library.h"
+#include "sim/server.h"
+
+namespace {
+
+// Exit code for anything that stops the simulator from starting.
+constexpr int kCannotStart = 2;
+
+std::string default_plugin_path() {
+    const std::string built = LEITCH_ROUTERD_BUILT_PLUGIN;
+    std::error_code ignored;
+    if (std::filesystem::exists(built, ignored)) return built;
+    return LEITCH_ROUTERD_INSTALLED_PLUGIN;
+}
+
+std::string format_endpoint(const boost::asio::ip::tcp::endpoint& endpoint) {
+    const auto address = endpoint.address();
+    const std::string host = address.is_v6() ? "[" + address.to_string() + "]" : address.to_string();
+    return host + ":" + std::to_string(endpoint.port());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"leitch-routerd: a router simulator that Leitch clients (panels, automation, telnet)\n"
+                 "drive over TCP through the Leitch pass-through converter plug-in."};
+    std::string config_path;
+    std::string listen;
+    std::string plugin_path;
+    bool verbose = false;
+    app.add_option("-c,--config", config_path, "TOML configuration file (default: built-in router)");
+    app.add_option("-l,--listen", listen, "address to listen on, HOST:PORT; port 0 picks a free port "
+                                          "(default 127.0.0.1:2323)");
+    app.add_option("-p,--plugin", plugin_path, "converter library to load (default: " + default_plugin_path() + ")");
+    app.add_flag("-v,--verbose", verbose, "log every line received and every reply, per client");
+    app.set_version_flag("--version", std::string("leitch-routerd ") + LEITCH_ROUTERD_VERSION);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        const int code = app.exit(e);
+        return code == 0 ? 0 : kCannotStart;
+    }
+
+    const routerd::Log log(verbose);
+    try {
+        routerd::SimulatorConfig config =
+            config_path.empty() ? routerd::builtin_config() : routerd::load_config(config_path);
+        if (!listen.empty()) config.listen = listen;
+        if (!plugin_path.empty()) config.plugin_path = plugin_path;
+        if (config.plugin_path.empty()) config.plugin_path = default_plugin_path();
+
+        auto plugin = routerd::PluginLibrary::load(config.plugin_path);
+        routerd::Server server(config, plugin, log);
+        plugin.reset();  // the sessions' context holds the library from here on
+
+        log.info("router from " + config.origin + ": " + std::to_string(config.levels.size()) +
+                 " level(s); plug-in " + config.plugin_path);
+        // Scripts and tests wait for this line; it is the only one on standard output.
+        std::printf("listening on %s\n", format_endpoint(server.local_endpoint()).c_str());
+        std::fflush(stdout);
+        server.run();
+        log.info("stopped");
+        return 0;
+    } catch (const routerd::ConfigError& e) {
+        std::cerr << "leitch-routerd: configuration error: " << e.what() << '\n';
+    } catch (const routerd::PluginError& e) {
+        std::cerr << "leitch-routerd: " << e.what() << '\n';
+    } catch (const routerd::ListenError& e) {
+        std::cerr << "leitch-routerd: " << e.what() << '\n';
+    }
+    return kCannotStart;
+}

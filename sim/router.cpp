@@ -1,0 +1,122 @@
+#include "sim/router.h"
+
+#include <algorithm>
+
+namespace routerd {
+
+std::string describe(Refusal refusal) {
+    switch (refusal) {
+        case Refusal::none: return "applied";
+        case Refusal::unknown_level: return "no such level";
+        case Refusal::destination_out_of_range: return "destination out of range";
+        case Refusal::source_out_of_range: return "source out of range";
+        case Refusal::destination_locked: return "destination locked";
+    }
+    return "refused";
+}
+
+Router::Router(const std::vector<LevelSpec>& levels) : specs_(levels) {
+    for (const LevelSpec& spec : specs_) {
+        Level& level = state_[spec.number];
+        level.source_count = spec.sources;
+        level.sources.assign(static_cast<std::size_t>(spec.destinations), 0);
+        level.locks.assign(static_cast<std::size_t>(spec.destinations), 0);
+    }
+}
+
+const LevelSpec* Router::find_level(int level) const {
+    for (const LevelSpec& spec : specs_) {
+        if (spec.number == level) return &spec;
+    }
+    return nullptr;
+}
+
+Router::Level* Router::level_state(int level) {
+    const auto found = state_.find(level);
+    return found == state_.end() ? nullptr : &found->second;
+}
+
+const Router::Level* Router::level_state(int level) const {
+    const auto found = state_.find(level);
+    return found == state_.end() ? nullptr : &found->second;
+}
+
+template <typename Tell>
+void Router::tell_observers(const Tell& tell) {
+    // Indexes, not iterators: an observer may subscribe another one meanwhile.
+    ++telling_;
+    for (std::size_t i = 0; i < observers_.size(); ++i) {
+        if (observers_[i]) tell(*observers_[i]);
+    }
+    --telling_;
+    if (telling_ == 0 && has_vacancies_) {
+        observers_.erase(std::remove(observers_.begin(), observers_.end(), nullptr), observers_.end());
+        has_vacancies_ = false;
+    }
+}
+
+Refusal Router::check_crosspoint(int level, int source, int destination) const {
+    const Level* state = level_state(level);
+    if (!state) return Refusal::unknown_level;
+    if (destination < 0 || static_cast<std::size_t>(destination) >= state->sources.size())
+        return Refusal::destination_out_of_range;
+    if (source < 0 || source >= state->source_count) return Refusal::source_out_of_range;
+    return Refusal::none;
+}
+
+Refusal Router::preset_crosspoint(int level, int source, int destination) {
+    const Refusal refusal = check_crosspoint(level, source, destination);
+    if (refusal == Refusal::none) level_state(level)->sources[static_cast<std::size_t>(destination)] = source;
+    return refusal;
+}
+
+Refusal Router::preset_lock(int level, int destination, int state) {
+    Level* levelState = level_state(level);
+    if (!levelState) return Refusal::unknown_level;
+    if (destination < 0 || static_cast<std::size_t>(destination) >= levelState->locks.size())
+        return Refusal::destination_out_of_range;
+    levelState->locks[static_cast<std::size_t>(destination)] = state;
+    return Refusal::none;
+}
+
+Refusal Router::take(int level, int source, int destination) {
+    const Refusal refusal = check_crosspoint(level, source, destination);
+    if (refusal != Refusal::none) return refusal;
+    Level& state = *level_state(level);
+    const auto index = static_cast<std::size_t>(destination);
+    if (state.locks[index] == 1) return Refusal::destination_locked;
+    state.sources[index] = source;
+    tell_observers([&](RouterObserver& o) { o.crosspoint_changed(level, source, destination); });
+    return Refusal::none;
+}
+
+Refusal Router::lock(int level, int destination, int state) {
+    const Refusal refusal = preset_lock(level, destination, state);
+    if (refusal != Refusal::none) return refusal;
+
+    tell_observers([&](RouterObserver& o) { o.lock_changed(level, destination, state); });
+    return Refusal::none;
+}
+
+int Router::source_of(int level, int destination) const {
+    return level_state(level)->sources.at(static_cast<std::size_t>(destination));
+}
+
+int Router::lock_of(int level, int destination) const {
+    return level_state(level)->locks.at(static_cast<std::size_t>(destination));
+}
+
+void Router::subscribe(RouterObserver& observer) { observers_.push_back(&observer); }
+
+void Router::unsubscribe(RouterObserver& observer) {
+    const auto found = std::find(observers_.begin(), observers_.end(), &observer);
+    if (found == observers_.end()) return;
+    if (telling_ > 0) {
+        *found = nullptr;
+        has_vacancies_ = true;
+    } else {
+        observers_.erase(found);
+    }
+}
+
+}  // namespace routerd

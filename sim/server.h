@@ -1,0 +1,56 @@
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/signal_set.hpp>
+
+#include "sim/config.h"
+#include "sim/log.h"
+#include "sim/plugin_library.h"
+#include "sim/router.h"
+#include "sim/session.h"
+#include "sim/session_manager.h"
+#include "sim/switch_queue.h"
+
+namespace routerd {
+
+// The address cannot be listened on (in use, not local, not resolvable).
+class ListenError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Accepts clients and gives each a session; everything runs on one io_context
+// on the calling thread, so no call into a converter instance ever overlaps another.
+class Server {
+public:
+    // Binds the listening socket; throws ListenError.
+    Server(const SimulatorConfig& config, std::shared_ptr<const PluginLibrary> plugin, const Log& log);
+
+    // The address actually bound (the real port when 0 was asked for).
+    boost::asio::ip::tcp::endpoint local_endpoint() const { return acceptor_.local_endpoint(); }
+
+    // Serves until SIGINT or SIGTERM.
+    void run();
+
+private:
+    void do_accept();
+    void on_accept(const boost::system::error_code& ec, boost::asio::ip::tcp::socket socket);
+    void refuse(boost::asio::ip::tcp::socket socket);
+    void shut_down(int signal);
+
+    boost::asio::io_context io_;
+    const Log& log_;
+    Router router_;
+    SwitchQueue switches_;
+    SessionManager sessions_;
+    SessionContext context_;
+    boost::asio::ip::tcp::acceptor acceptor_;
+    boost::asio::signal_set signals_;
+    int next_client_ = 1;
+};
+
+}  // namespace routerd
