@@ -16,55 +16,15 @@
 #include <vector>
 
 #include "fuzz/fuzz_input.h"
+#include "support/transcript.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace leitch_fuzz;
 
-int hex_value(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-// Words of a scenario line; a quoted word may hold blanks and C escapes.
-std::vector<std::string> words(const std::string& line) {
-    std::vector<std::string> out;
-    size_t i = 0;
-    while (i < line.size()) {
-        while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
-        if (i >= line.size() || line[i] == '#') break;
-        std::string word;
-        if (line[i] == '"') {
-            for (++i; i < line.size() && line[i] != '"'; ++i) {
-                if (line[i] != '\\' || i + 1 >= line.size()) {
-                    word += line[i];
-                    continue;
-                }
-                const char e = line[++i];
-                if (e == 'r') word += '\r';
-                else if (e == 'n') word += '\n';
-                else if (e == 't') word += '\t';
-                else if (e == '0') word += '\0';
-                else if (e == 'x' && i + 2 < line.size() && hex_value(line[i + 1]) >= 0 &&
-                         hex_value(line[i + 2]) >= 0) {
-                    word += static_cast<char>(hex_value(line[i + 1]) * 16 + hex_value(line[i + 2]));
-                    i += 2;
-                } else word += e;
-            }
-            ++i;
-        } else {
-            while (i < line.size() && line[i] != ' ' && line[i] != '\t') word += line[i++];
-        }
-        out.push_back(word);
-    }
-    return out;
-}
-
-int number(const std::vector<std::string>& w, size_t i) {
-    return i < w.size() ? std::atoi(w[i].c_str()) : 0;
+int number(const std::vector<std::string>& args, size_t i) {
+    return i < args.size() ? std::atoi(args[i].c_str()) : 0;
 }
 
 uint8_t s8(int v) { return static_cast<uint8_t>(static_cast<int8_t>(std::clamp(v, -128, 127))); }
@@ -91,8 +51,7 @@ void chunk(std::string& out, const std::string& text, bool bytewise) {
 }
 
 // "H:SxD" words of a levels line, at most seven to an operation.
-void levels(std::string& out, const std::vector<std::string>& w, bool update) {
-    std::vector<std::string> specs(w.begin() + 1, w.end());
+void levels(std::string& out, const std::vector<std::string>& specs, bool update) {
     for (size_t at = 0; at == 0 || at < specs.size(); at += kLevelCountMask) {
         const size_t n = std::min<size_t>(kLevelCountMask, specs.size() - std::min(at, specs.size()));
         out += static_cast<char>(kLevelList | n | (update || at > 0 ? kLevelUpdateBit : 0));
@@ -120,18 +79,15 @@ void config(std::string& out, const std::map<std::string, std::string>& keys) {
     out += text;
 }
 
-std::string encode(const fs::path& scenario, bool bytewise) {
-    std::ifstream in(scenario);
+std::string encode(const testhost::Transcript& scenario, bool bytewise) {
     std::string out;
-    std::string line;
     std::map<std::string, std::string> keys;
     bool configuring = false;
-    while (std::getline(in, line)) {
-        const std::vector<std::string> w = words(line);
-        if (w.empty() || w[0] == "send" || w[0] == "call") continue;
-        if (w[0] == "config") {
+    for (const testhost::TranscriptStep& step : scenario.steps) {
+        const std::vector<std::string>& args = step.args;
+        if (step.action == "config") {
             configuring = true;
-            if (w.size() == 3) keys[w[1]] = w[2];
+            if (args.size() == 2) keys[args[0]] = args[1];
             continue;
         }
         if (configuring) {
@@ -139,22 +95,22 @@ std::string encode(const fs::path& scenario, bool bytewise) {
             keys.clear();
             configuring = false;
         }
-        if (w[0] == "levels" || w[0] == "levels-update") {
-            levels(out, w, w[0] == "levels-update");
-        } else if (w[0] == "router") {
+        if (step.action == "levels" || step.action == "levels-update") {
+            levels(out, args, step.action == "levels-update");
+        } else if (step.action == "router") {
             out += static_cast<char>(kRouterOn);
-        } else if (w[0] == "recv" && w.size() > 1) {
-            chunk(out, w[1], bytewise);
-        } else if (w[0] == "crosspoint") {
+        } else if (step.action == "recv" && !args.empty()) {
+            chunk(out, args[0], bytewise);
+        } else if (step.action == "crosspoint") {
             out += static_cast<char>(kCrosspoint);
-            out += static_cast<char>(s8(number(w, 1)));
-            out += static_cast<char>(s8(number(w, 2)));
-            s16(out, number(w, 3));
-        } else if (w[0] == "lock") {
+            out += static_cast<char>(s8(number(args, 0)));
+            out += static_cast<char>(s8(number(args, 1)));
+            s16(out, number(args, 2));
+        } else if (step.action == "lock") {
             out += static_cast<char>(kCrosspointLock);
-            out += static_cast<char>(s8(number(w, 1)));
-            s16(out, number(w, 2));
-            out += static_cast<char>(s8(number(w, 3)));
+            out += static_cast<char>(s8(number(args, 0)));
+            s16(out, number(args, 1));
+            out += static_cast<char>(s8(number(args, 2)));
         }
     }
     if (configuring) config(out, keys);
@@ -174,9 +130,10 @@ int main(int argc, char** argv) {
     for (const auto& entry : fs::directory_iterator(argv[1])) {
         if (entry.path().extension() != ".txt") continue;
         const std::string stem = entry.path().stem().string();
+        const testhost::Transcript scenario = testhost::load_transcript(entry.path().string());
         for (const bool bytewise : {false, true}) {
             std::ofstream(output / (stem + (bytewise ? ".bytewise" : "")), std::ios::binary)
-                << encode(entry.path(), bytewise);
+                << encode(scenario, bytewise);
             ++written;
         }
     }

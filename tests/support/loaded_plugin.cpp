@@ -1,30 +1,6 @@
 #include "support/loaded_plugin.h"
 
-#include <cstdio>
-
 namespace testhost {
-
-std::string escape(const std::string& bytes) {
-    std::string out = "\"";
-    for (const unsigned char c : bytes) {
-        switch (c) {
-            case '\r': out += "\\r"; break;
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
-            case '\\': out += "\\\\"; break;
-            case '"': out += "\\\""; break;
-            default:
-                if (c < 0x20 || c >= 0x7f) {
-                    char hex[5];
-                    std::snprintf(hex, sizeof hex, "\\x%02X", c);
-                    out += hex;
-                } else {
-                    out += static_cast<char>(c);
-                }
-        }
-    }
-    return out + "\"";
-}
 
 void RecordingDriver::TakePresets() {
     log_.push_back("call TakePresets");

@@ -17,6 +17,7 @@
 #include "framework/interface.h"
 #include "framework/plugin_entry.h"
 #include "framework/protocol_converter.h"
+#include "support/transcript.h"
 
 namespace testhost {
 
@@ -53,10 +54,9 @@ inline PluginLibrary& PluginLibrary::shared() {
 }
 
 // One ordered record of everything the instance did: "send <escaped text>" for
-// each SendData piece and "call <Operation> <args>" for each driver call.
+// each SendData piece (escaped as in transcripts) and "call <Operation> <args>"
+// for each driver call.
 using EventLog = std::vector<std::string>;
-
-std::string escape(const std::string& bytes);
 
 class RecordingInterface : public Interface {
 public:

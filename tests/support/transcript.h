@@ -48,6 +48,9 @@ Transcript load_transcript(const std::string& path);
 // Decode a quoted string with C escapes.
 std::string unquote(const std::string& quoted);
 
+// The bytes as a quoted string with C escapes, as transcripts write them.
+std::string escape(const std::string& bytes);
+
 std::vector<std::string> transcript_files(const std::string& directory);
 
 }  // namespace testhost
