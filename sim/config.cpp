@@ -123,17 +123,17 @@ public:
             const toml::table& level = *list->get(i)->as_table();
             const std::string prefix = "level[" + std::to_string(i) + "].";
             only_known_keys(level, prefix, {"number", "name", "sources", "destinations", "crosspoints", "locks"});
-            LevelSpec spec;
-            spec.number = static_cast<int>(required_integer(level, "number", prefix, std::numeric_limits<int>::min(),
+            LevelSpec levelSpec;
+            levelSpec.number = static_cast<int>(required_integer(level, "number", prefix, std::numeric_limits<int>::min(),
                                                             std::numeric_limits<int>::max()));
-            if (!numbers.insert(spec.number).second)
-                fail(level.get("number")->source(), prefix + "number", "level " + std::to_string(spec.number) + " is defined twice");
-            if (const toml::node* name = level.get("name")) spec.name = string(*name, prefix + "name");
-            spec.sources = static_cast<int>(required_integer(level, "sources", prefix, 1, kMaxSize));
-            spec.destinations = static_cast<int>(required_integer(level, "destinations", prefix, 1, kMaxSize));
-            config.levels.push_back(spec);
-            initial_crosspoints(level, prefix, spec, config);
-            initial_locks(level, prefix, spec, config);
+            if (!numbers.insert(levelSpec.number).second)
+                fail(level.get("number")->source(), prefix + "number", "level " + std::to_string(levelSpec.number) + " is defined twice");
+            if (const toml::node* name = level.get("name")) levelSpec.name = string(*name, prefix + "name");
+            levelSpec.sources = static_cast<int>(required_integer(level, "sources", prefix, 1, kMaxSize));
+            levelSpec.destinations = static_cast<int>(required_integer(level, "destinations", prefix, 1, kMaxSize));
+            config.levels.push_back(levelSpec);
+            initial_crosspoints(level, prefix, levelSpec, config);
+            initial_locks(level, prefix, levelSpec, config);
         }
     }
 
@@ -153,23 +153,23 @@ public:
         }
     }
 
-    void initial_crosspoints(const toml::table& level, const std::string& prefix, const LevelSpec& spec,
+    void initial_crosspoints(const toml::table& level, const std::string& prefix, const LevelSpec& levelSpec,
                              SimulatorConfig& config) const {
         entries(level, "crosspoints", prefix, [&](const toml::table& entry, const std::string& key) {
             only_known_keys(entry, key, {"destination", "source"});
-            const auto destination = required_integer(entry, "destination", key, 0, spec.destinations - 1);
-            const auto source = required_integer(entry, "source", key, 0, spec.sources - 1);
-            config.crosspoints.push_back({spec.number, static_cast<int>(destination), static_cast<int>(source)});
+            const auto destination = required_integer(entry, "destination", key, 0, levelSpec.destinations - 1);
+            const auto source = required_integer(entry, "source", key, 0, levelSpec.sources - 1);
+            config.crosspoints.push_back({levelSpec.number, static_cast<int>(destination), static_cast<int>(source)});
         });
     }
 
-    void initial_locks(const toml::table& level, const std::string& prefix, const LevelSpec& spec,
+    void initial_locks(const toml::table& level, const std::string& prefix, const LevelSpec& levelSpec,
                        SimulatorConfig& config) const {
         entries(level, "locks", prefix, [&](const toml::table& entry, const std::string& key) {
             only_known_keys(entry, key, {"destination", "state"});
-            const auto destination = required_integer(entry, "destination", key, 0, spec.destinations - 1);
+            const auto destination = required_integer(entry, "destination", key, 0, levelSpec.destinations - 1);
             const auto state = required_integer(entry, "state", key, 0, 2);
-            config.locks.push_back({spec.number, static_cast<int>(destination), static_cast<int>(state)});
+            config.locks.push_back({levelSpec.number, static_cast<int>(destination), static_cast<int>(state)});
         });
     }
 

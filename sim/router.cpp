@@ -16,17 +16,17 @@ std::string describe(Refusal refusal) {
 }
 
 Router::Router(const std::vector<LevelSpec>& levels) : specs_(levels) {
-    for (const LevelSpec& spec : specs_) {
-        Level& level = state_[spec.number];
-        level.source_count = spec.sources;
-        level.sources.assign(static_cast<std::size_t>(spec.destinations), 0);
-        level.locks.assign(static_cast<std::size_t>(spec.destinations), 0);
+    for (const LevelSpec& levelSpec : specs_) {
+        Level& level = state_[levelSpec.number];
+        level.source_count = levelSpec.sources;
+        level.sources.assign(static_cast<std::size_t>(levelSpec.destinations), 0);
+        level.locks.assign(static_cast<std::size_t>(levelSpec.destinations), 0);
     }
 }
 
 const LevelSpec* Router::find_level(int level) const {
-    for (const LevelSpec& spec : specs_) {
-        if (spec.number == level) return &spec;
+    for (const LevelSpec& levelSpec : specs_) {
+        if (levelSpec.number == level) return &levelSpec;
     }
     return nullptr;
 }

@@ -55,16 +55,16 @@ void Session::start() {
 void Session::introduce_router() {
     const Router& router = context_.router;
     std::list<LevelDesc> levels;
-    for (const LevelSpec& spec : router.levels()) levels.push_back({spec.number, spec.sources, spec.destinations});
+    for (const LevelSpec& levelSpec : router.levels()) levels.push_back({levelSpec.number, levelSpec.sources, levelSpec.destinations});
     instance_->LevelList(levels, false);
 
     in_event_ = true;  // whatever the instance says now leaves with the first flush
-    for (const LevelSpec& spec : router.levels()) {
-        for (int destination = 0; destination < spec.destinations; ++destination)
-            instance_->Crosspoint(spec.number, router.source_of(spec.number, destination), destination);
-        for (int destination = 0; destination < spec.destinations; ++destination) {
-            const int state = router.lock_of(spec.number, destination);
-            if (state != 0) instance_->CrosspointLock(spec.number, destination, state);
+    for (const LevelSpec& levelSpec : router.levels()) {
+        for (int destination = 0; destination < levelSpec.destinations; ++destination)
+            instance_->Crosspoint(levelSpec.number, router.source_of(levelSpec.number, destination), destination);
+        for (int destination = 0; destination < levelSpec.destinations; ++destination) {
+            const int state = router.lock_of(levelSpec.number, destination);
+            if (state != 0) instance_->CrosspointLock(levelSpec.number, destination, state);
         }
     }
     in_event_ = false;
