@@ -30,7 +30,7 @@ if ! build/fuzz/fuzz/leitch_fuzz -fork="$jobs" -max_total_time="$seconds" \
     -ignore_crashes=0 -ignore_timeouts=0 -ignore_ooms=0 \
     -max_len=4096 -timeout=20 -rss_limit_mb=2048 -dict=fuzz/leitch.dict \
     -artifact_prefix=build/fuzz/artifacts/ -print_final_stats=1 \
-    build/fuzz/corpus build/fuzz/fuzz/seeds fuzz/regressions; then
+    build/fuzz/corpus build/fuzz/fuzz/seeds fuzz/hostile fuzz/regressions; then
   echo "fuzzing found a problem; inputs in build/fuzz/artifacts/:" >&2
   ls -l build/fuzz/artifacts/ >&2
   exit 1
