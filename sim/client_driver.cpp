@@ -5,8 +5,9 @@
 namespace routerd {
 
 void ClientDriver::TakePresets() {
-    log_.activity("client " + std::to_string(client_) + ": take " + std::to_string(presets_.size()) +
-                  " preset(s)");
+    if (log_.verbose())
+        log_.activity("client " + std::to_string(client_) + ": take " + std::to_string(presets_.size()) +
+                      " preset(s)");
     for (const Preset& p : presets_) switches_.take(client_, p.level, p.source, p.destination);
     presets_.clear();
     preset_index_.clear();

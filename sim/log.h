@@ -6,7 +6,9 @@
 namespace routerd {
 
 // Time-stamped log lines on the standard error stream. The activity log (every
-// line received and every reply) is written only when verbose.
+// line received and every reply) is written only when verbose; callers that
+// build an activity message test verbose() first, so that a quiet simulator
+// does not format every reply.
 class Log {
 public:
     explicit Log(bool verbose = false) : verbose_(verbose) {}

@@ -112,7 +112,8 @@ void Session::send(const std::string& data) {
 void Session::flush() {
     awaiting_flush_ = false;
     if (writing_ || outbox_.empty() || stopped_) return;
-    context_.log.activity("client " + std::to_string(id_) + " >> \"" + escape(outbox_) + "\"");
+    if (context_.log.verbose())
+        context_.log.activity("client " + std::to_string(id_) + " >> \"" + escape(outbox_) + "\"");
     in_flight_.swap(outbox_);
     writing_ = true;
     asio::async_write(socket_, asio::buffer(in_flight_),
