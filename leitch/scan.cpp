@@ -18,13 +18,16 @@ const HeaderRow statusHeader[19] = {
 };
 
 int msg_switcher(char** text) {
+    const char* const command = *text;
     for (const HeaderRow* row = statusHeader; row->code != kUnknown; ++row) {
-        const size_t n = strnlen(row->text, 10);
-        // strncmp stops at the NUL of a shorter text, which then differs.
-        if (std::strncmp(row->text, *text, n) == 0) {
-            *text += n;
-            return row->code;
-        }
+        // A header matches when all of its characters (at most 10) begin the
+        // command. The comparison stops at the first difference, so it never
+        // reads past the NUL of a shorter command.
+        size_t n = 0;
+        while (n < 10 && row->text[n] != '\0' && row->text[n] == command[n]) ++n;
+        if (n < 10 && row->text[n] != '\0') continue;
+        *text += n;
+        return row->code;
     }
     return kUnknown;
 }
@@ -53,6 +56,10 @@ bool convert(const char* p, int width, const char* format, void* out) {
         ++n;
     }
     scratch[n] = '\0';
+    // The two conversions the handlers use are done here, exactly as scanf
+    // does them; anything else goes to scanf itself.
+    if (std::strcmp(format, "%X") == 0) return scan_hex(scratch, static_cast<int*>(out));
+    if (std::strcmp(format, "%d") == 0) return scan_decimal(scratch, static_cast<int*>(out));
     return std::sscanf(scratch, format, out) == 1;
 }
 
@@ -95,9 +102,45 @@ int hex_digit(char c) {
     return -1;
 }
 
-bool scan_decimal(const char* p, int* out) {
-    // White space as the C locale's isspace() knows it.
+namespace {
+
+// White space as the C locale's isspace() knows it.
+const char* skip_space(const char* p) {
     while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
+    return p;
+}
+
+}  // namespace
+
+bool scan_hex(const char* p, int* out) {
+    p = skip_space(p);
+    bool negative = false;
+    if (*p == '+' || *p == '-') negative = *p++ == '-';
+    // "0x" may lead the digits; the "0" alone is a number already, so "0x"
+    // with no digit after it reads as 0.
+    bool digits = false;
+    if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
+        digits = true;
+        p += 2;
+    }
+    // scanf converts through strtoul: the magnitude saturates at the range of
+    // unsigned long, a sign negates it, and the result is narrowed to unsigned.
+    unsigned long magnitude = 0;
+    bool overflow = false;
+    for (int digit; (digit = hex_digit(*p)) >= 0; ++p) {
+        digits = true;
+        if (magnitude > (ULONG_MAX - static_cast<unsigned long>(digit)) / 16) overflow = true;
+        magnitude = magnitude * 16 + static_cast<unsigned long>(digit);
+    }
+    if (!digits) return false;
+    unsigned long value = ULONG_MAX;
+    if (!overflow) value = negative ? 0UL - magnitude : magnitude;
+    *out = static_cast<int>(static_cast<unsigned>(value));
+    return true;
+}
+
+bool scan_decimal(const char* p, int* out) {
+    p = skip_space(p);
     bool negative = false;
     if (*p == '+' || *p == '-') negative = *p++ == '-';
     if (*p < '0' || *p > '9') return false;

@@ -72,6 +72,10 @@ char* move_next(char* p);
 // white space, optional sign, decimal digits. Returns false when no digit follows.
 bool scan_decimal(const char* p, int* out);
 
+// What sscanf(p, "%X", out) does: skip white space, optional sign, optional
+// "0x", hexadecimal digits. Returns false when no number is there.
+bool scan_hex(const char* p, int* out);
+
 // A single hexadecimal digit as "%X" reads one character; -1 for anything else.
 int hex_digit(char c);
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "leitch/scan.h"
 
@@ -208,6 +209,45 @@ TEST(ScanDecimal, MatchesScanf) {
         if (converts) {
             EXPECT_EQ(expected, actual) << '"' << s << '"';
         }
+    }
+}
+
+// Every text of up to five characters over the characters that matter to a
+// number conversion (digits, hex letters, prefix letters, signs, blanks).
+std::vector<std::string> conversion_texts() {
+    const std::string alphabet = "019aFgxX-+ \t";
+    std::vector<std::string> texts{""};
+    for (size_t begin = 0, length = 1; length <= 5; ++length) {
+        const size_t end = texts.size();
+        for (size_t i = begin; i < end; ++i) {
+            for (const char c : alphabet) texts.push_back(texts[i] + c);
+        }
+        begin = end;
+    }
+    for (const char* big : {"FFFFFFFF", "100000000", "FFFFFFFFFFFFFFFF", "10000000000000000",
+                            "-FFFFFFFFFFFFFFFF", "-10000000000000000", "0x7FFFFFFF", "-80000000",
+                            "2147483647", "-2147483648", "99999999999999999999", "0000000000000000000000000000001F"}) {
+        texts.push_back(big);
+    }
+    return texts;
+}
+
+TEST(ScanHex, MatchesScanfOnEveryShortText) {
+    for (const std::string& text : conversion_texts()) {
+        unsigned expected = 0x5A5A5A5A;
+        int actual = 0x5A5A5A5A;
+        const bool converts = std::sscanf(text.c_str(), "%X", &expected) == 1;
+        ASSERT_EQ(converts, scan_hex(text.c_str(), &actual)) << '"' << text << '"';
+        ASSERT_EQ(static_cast<int>(expected), actual) << '"' << text << '"';
+    }
+}
+
+TEST(ScanDecimal, MatchesScanfOnEveryShortText) {
+    for (const std::string& text : conversion_texts()) {
+        int expected = 0x5A5A5A5A, actual = 0x5A5A5A5A;
+        const bool converts = std::sscanf(text.c_str(), "%d", &expected) == 1;
+        ASSERT_EQ(converts, scan_decimal(text.c_str(), &actual)) << '"' << text << '"';
+        ASSERT_EQ(expected, actual) << '"' << text << '"';
     }
 }
 
