@@ -16,8 +16,8 @@ namespace routerd {
 // frame, through the switch queue.
 class ClientDriver final : public CommandDriver {
 public:
-    ClientDriver(int client, const Router& router, SwitchQueue& switches, const Log& log)
-        : client_(client), router_(router), switches_(switches), log_(log) {}
+    ClientDriver(int client, const Router& router, SwitchQueue& switches, const Log& log, RefusalLog& refusals)
+        : client_(client), router_(router), switches_(switches), log_(log), refusals_(refusals) {}
 
     void TakePresets() override;
     void ClearPresets() override;
@@ -39,6 +39,7 @@ private:
     const Router& router_;
     SwitchQueue& switches_;
     const Log& log_;
+    RefusalLog& refusals_;
     // One preset per destination, as on a router's preset bus: presetting a
     // destination again replaces its source. So the queue never outgrows the router.
     std::vector<Preset> presets_;

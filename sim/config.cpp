@@ -1,8 +1,15 @@
 #include "sim/config.h"
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <fstream>
 #include <limits>
 #include <set>
+#include <sstream>
 
 #include <toml++/toml.h>
 
@@ -12,6 +19,9 @@ namespace {
 
 constexpr std::int64_t kMaxSize = 65536;  // sources or destinations of one level
 constexpr std::size_t kMaxLevels = 256;
+// Descriptors the simulator needs besides its clients': standard streams,
+// listener, event loop, the plug-in, clients being refused.
+constexpr std::size_t kReservedDescriptors = 32;
 
 SimulatorConfig builtin() {
     SimulatorConfig config;
@@ -72,7 +82,8 @@ public:
     }
 
     void server(const toml::table& server, SimulatorConfig& config) const {
-        only_known_keys(server, "server.", {"listen", "max_clients", "max_line_bytes", "max_output_bytes"});
+        only_known_keys(server, "server.",
+                        {"listen", "max_clients", "max_line_bytes", "max_output_bytes", "output_timeout_ms"});
         if (const toml::node* listen = server.get("listen")) {
             config.listen = string(*listen, "server.listen");
             try {
@@ -81,14 +92,55 @@ public:
                 fail(listen->source(), "server.listen", e.what());
             }
         }
-        if (const toml::node* n = server.get("max_clients"))
-            config.limits.max_clients = static_cast<std::size_t>(integer(*n, "server.max_clients", 1, 100000));
+        if (const toml::node* n = server.get("max_clients")) {
+            const std::int64_t most = open_file_limit() - static_cast<std::int64_t>(kReservedDescriptors);
+            const std::int64_t clients = integer(*n, "server.max_clients", 1, 100000);
+            if (clients > most)
+                fail(n->source(), "server.max_clients",
+                     "at most " + std::to_string(most) + ": the open-file limit is " +
+                         std::to_string(open_file_limit()));
+            config.limits.max_clients = static_cast<std::size_t>(clients);
+        }
         if (const toml::node* n = server.get("max_line_bytes"))
-            config.limits.max_line_bytes =
-                static_cast<std::size_t>(integer(*n, "server.max_line_bytes", 16, std::int64_t{1} << 30));
+            config.limits.max_line_bytes = static_cast<std::size_t>(integer(*n, "server.max_line_bytes", 16, 65536));
         if (const toml::node* n = server.get("max_output_bytes"))
             config.limits.max_output_bytes =
-                static_cast<std::size_t>(integer(*n, "server.max_output_bytes", 1024, std::int64_t{1} << 32));
+                static_cast<std::size_t>(integer(*n, "server.max_output_bytes", 1024, kClientOutputBudget / 2));
+        if (const toml::node* n = server.get("output_timeout_ms"))
+            config.limits.output_timeout = std::chrono::milliseconds(integer(*n, "server.output_timeout_ms", 100, 3600000));
+    }
+
+    static std::int64_t open_file_limit() {
+        rlimit limit{};
+        if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 1 << 20;
+        return static_cast<std::int64_t>(limit.rlim_cur);
+    }
+
+    // One client's waiting output is bounded by the high-water mark plus the
+    // most that one event can give it; refuse routers for which that passes
+    // the budget.
+    void check_capacity(const toml::table& root, const SimulatorConfig& config) const {
+        const toml::node* node = root.get("level");
+        if (!node) return;  // the built-in levels always fit
+        const toml::array& list = *node->as_array();
+        const std::string limits = " with server.max_line_bytes = " + std::to_string(config.limits.max_line_bytes) +
+                                   " and server.max_output_bytes = " + std::to_string(config.limits.max_output_bytes) +
+                                   ": one client's waiting output must stay within " +
+                                   std::to_string(kClientOutputBudget / (1024 * 1024)) + " MiB";
+        std::size_t total = 0;
+        for (std::size_t i = 0; i < config.levels.size(); ++i) {
+            const auto destinations = static_cast<std::size_t>(config.levels[i].destinations);
+            total += destinations;
+            const std::size_t most = most_destinations_per_level(config.limits);
+            if (destinations > most)
+                fail(list.get(i)->as_table()->get("destinations")->source(),
+                     "level[" + std::to_string(i) + "].destinations", "at most " + std::to_string(most) + limits);
+        }
+        const std::size_t most = most_destinations_in_all(config.limits);
+        if (total > most)
+            fail(node->source(), "level",
+                 "at most " + std::to_string(most) + " destinations in all levels together (these have " +
+                     std::to_string(total) + ")" + limits);
     }
 
     void plugin(const toml::table& plugin, SimulatorConfig& config) const {
@@ -176,7 +228,7 @@ public:
     SimulatorConfig read() const {
         toml::table root;
         try {
-            root = toml::parse_file(path_);
+            root = toml::parse(read_whole_file(), path_);
         } catch (const toml::parse_error& e) {
             const auto& where = e.source();
             if (where.begin.line == 0) throw ConfigError(path_ + ": " + std::string(e.description()));
@@ -189,10 +241,27 @@ public:
         if (const toml::table* s = table(root, "server", "")) server(*s, config);
         if (const toml::table* p = table(root, "plugin", "")) plugin(*p, config);
         if (const toml::node* l = root.get("level")) levels(*l, config);
+        check_capacity(root, config);
         return config;
     }
 
 private:
+    // Only a readable regular file: a directory or a device would read as an
+    // empty configuration, and a FIFO would hang start-up.
+    std::string read_whole_file() const {
+        if (path_.empty()) throw ConfigError("the configuration file name is empty");
+        struct stat status {};
+        if (::stat(path_.c_str(), &status) != 0)
+            throw ConfigError(path_ + ": cannot read: " + std::strerror(errno));
+        if (!S_ISREG(status.st_mode)) throw ConfigError(path_ + ": not a regular file");
+        std::ifstream in(path_, std::ios::binary);
+        if (!in) throw ConfigError(path_ + ": cannot read: " + std::strerror(errno));
+        std::ostringstream text;
+        text << in.rdbuf();
+        if (in.bad()) throw ConfigError(path_ + ": cannot read: " + std::strerror(errno));
+        return text.str();
+    }
+
     std::string path_;
 };
 

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <vector>
+
+#include "sim/router.h"
 
 namespace routerd {
 
@@ -8,8 +12,36 @@ namespace routerd {
 // client only, with a log line.
 struct Limits {
     std::size_t max_clients = 16;
-    std::size_t max_line_bytes = 64 * 1024;       // received without a CR or LF
-    std::size_t max_output_bytes = 1024 * 1024;   // waiting for a client that does not read
+    // Received without a CR or LF. Real routers cut lines at a few hundred characters.
+    std::size_t max_line_bytes = 1024;
+    // High-water mark of a client's waiting output (what the socket has not
+    // taken yet): above it, the client's own input waits until it drains.
+    std::size_t max_output_bytes = 1024 * 1024;
+    // A client whose waiting output has not moved for this long does not read.
+    std::chrono::milliseconds output_timeout{10000};
 };
+
+// A client's input is handed to its converter instance in slices of about
+// this many bytes (plus the end of a line), one slice per event, so that a
+// burst from one client does not hold up the others.
+constexpr std::size_t kInputSliceBytes = 256;
+
+// The most one client's waiting output may hold, whatever the configuration.
+constexpr std::size_t kClientOutputBudget = 64 * 1024 * 1024;
+
+// The most output one event can give one client that does not bloat its own
+// tables: the answers to one slice of input (every byte naming at most one
+// whole level, as "@ V?" does), or the reports of one frame of router changes
+// (at most a crosspoint and a lock per destination).
+std::size_t answer_bytes(std::size_t largest_level, std::size_t max_line_bytes);
+std::size_t frame_bytes(std::size_t total_destinations);
+
+// Output a client may have waiting before it is disconnected as one that reads
+// slower than the router changes: the high-water mark plus one event.
+std::size_t output_bound(const Limits& limits, const std::vector<LevelSpec>& levels);
+
+// The router sizes whose output bound stays within kClientOutputBudget.
+std::size_t most_destinations_per_level(const Limits& limits);
+std::size_t most_destinations_in_all(const Limits& limits);
 
 }  // namespace routerd

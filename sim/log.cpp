@@ -1,12 +1,20 @@
 #include "sim/log.h"
 
+#include <limits.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 
 namespace routerd {
 
-void Log::info(std::string_view message) const {
+namespace {
+
+std::string time_stamp() {
     const auto now = std::chrono::system_clock::now();
     const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
     const auto millis =
@@ -14,9 +22,68 @@ void Log::info(std::string_view message) const {
     std::tm local{};
     localtime_r(&seconds, &local);
     char stamp[32];
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-    std::fprintf(stderr, "%s.%03lld %.*s\n", stamp, static_cast<long long>(millis),
-                 static_cast<int>(message.size()), message.data());
+    const std::size_t length = std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    std::snprintf(stamp + length, sizeof stamp - length, ".%03lld ", static_cast<long long>(millis));
+    return stamp;
+}
+
+}  // namespace
+
+void Log::info(std::string_view message) const {
+    if (waiting_bytes() + message.size() > kMaxWaitingBytes) {
+        ++dropped_lines_;
+        return;
+    }
+    waiting_ += time_stamp();
+    waiting_.append(message.data(), message.size());
+    waiting_ += '\n';
+    flush();
+}
+
+void Log::flush() const {
+    while (written_ < waiting_.size()) {
+        // A pipe or terminal that says it is writable takes at least PIPE_BUF
+        // bytes without blocking; a file always does.
+        pollfd ready{fd_, POLLOUT, 0};
+        if (::poll(&ready, 1, 0) != 1 || !(ready.revents & POLLOUT)) {
+            if (ready.revents & (POLLERR | POLLHUP | POLLNVAL)) forget_waiting();  // nobody will read them
+            return;
+        }
+        const std::size_t chunk = std::min<std::size_t>(waiting_.size() - written_, PIPE_BUF);
+        const ssize_t written = ::write(fd_, waiting_.data() + written_, chunk);
+        if (written < 0) {
+            if (errno == EINTR || errno == EAGAIN) return;
+            forget_waiting();  // EPIPE, EBADF, ENOSPC...: these lines are lost
+            return;
+        }
+        written_ += static_cast<std::size_t>(written);
+        if (written_ < waiting_.size()) continue;
+        forget_waiting();
+        if (dropped_lines_ > 0) {
+            const std::size_t dropped = dropped_lines_;
+            dropped_lines_ = 0;
+            info(with_thousands(dropped) + " log line(s) dropped: standard error was not being read");
+        }
+    }
+}
+
+void Log::forget_waiting() const {
+    written_ = 0;
+    if (waiting_.capacity() > 64 * 1024) {
+        std::string().swap(waiting_);
+    } else {
+        waiting_.clear();
+    }
+}
+
+void RefusalLog::end_second() {
+    for (const auto& [key, count] : counts_) {
+        if (count == 0) continue;
+        const auto& [client, kind, reason] = key;
+        log_.info("client " + std::to_string(client) + ": " + with_thousands(count) + " more " + kind +
+                  " refused (" + reason + ") in the last second");
+    }
+    counts_.clear();
 }
 
 std::string escape(std::string_view bytes) {
@@ -39,6 +106,12 @@ std::string escape(std::string_view bytes) {
         }
     }
     return out;
+}
+
+std::string with_thousands(std::size_t number) {
+    std::string digits = std::to_string(number);
+    for (std::size_t at = digits.size(); at > 3; at -= 3) digits.insert(at - 3, 1, ',');
+    return digits;
 }
 
 }  // namespace routerd

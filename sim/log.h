@@ -1,7 +1,10 @@
 #pragma once
 
+#include <cstddef>
+#include <map>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 namespace routerd {
 
@@ -9,9 +12,15 @@ namespace routerd {
 // line received and every reply) is written only when verbose; callers that
 // build an activity message test verbose() first, so that a quiet simulator
 // does not format every reply.
+//
+// Writing never blocks the event loop: a line that standard error cannot take
+// at once (a reader that is slow or gone) waits in a bounded buffer, retried
+// by flush(); beyond the bound lines are dropped and counted, and the count is
+// logged once the stream takes lines again. A reader that has gone away
+// (EPIPE) only loses the lines.
 class Log {
 public:
-    explicit Log(bool verbose = false) : verbose_(verbose) {}
+    explicit Log(bool verbose = false, int fd = 2) : verbose_(verbose), fd_(fd) {}
 
     void info(std::string_view message) const;
     void activity(std::string_view message) const {
@@ -19,11 +28,55 @@ public:
     }
     bool verbose() const { return verbose_; }
 
+    // Writes what waits, as far as the stream takes it without blocking.
+    void flush() const;
+    std::size_t waiting_bytes() const { return waiting_.size() - written_; }
+
+    static constexpr std::size_t kMaxWaitingBytes = 1024 * 1024;
+
 private:
+    void forget_waiting() const;
+
     bool verbose_;
+    int fd_;
+    // The log is not the simulator's state: writing it is allowed from const code.
+    mutable std::string waiting_;
+    mutable std::size_t written_ = 0;  // bytes of waiting_ already written
+    mutable std::size_t dropped_lines_ = 0;
+};
+
+// Refused changes, logged without letting a client flood the log: the first
+// refusal of a kind for a reason is logged in full, and the ones that follow
+// within the same second are counted and summed up by end_second().
+class RefusalLog {
+public:
+    explicit RefusalLog(const Log& log) : log_(log) {}
+
+    // `kind` is the plural of what was refused ("presets", "takes", "locks");
+    // `detail` builds the full line and is called only when it is written.
+    template <typename Detail>
+    void refused(int client, const char* kind, const std::string& reason, const Detail& detail) {
+        const auto [entry, first] = counts_.try_emplace(Key{client, kind, reason}, 0);
+        if (first) {
+            log_.info(detail());
+        } else {
+            ++entry->second;
+        }
+    }
+
+    // Logs one line per kind and reason refused more than once since the last call.
+    void end_second();
+
+private:
+    using Key = std::tuple<int, std::string, std::string>;
+    const Log& log_;
+    std::map<Key, std::size_t> counts_;  // refusals after the first
 };
 
 // Control characters written as C escapes, so that one log entry stays on one line.
 std::string escape(std::string_view bytes);
+
+// 1234567 as "1,234,567".
+std::string with_thousands(std::size_t number);
 
 }  // namespace routerd

@@ -1,6 +1,9 @@
 // leitch-routerd: a simulated router that Leitch clients drive over TCP,
 // through the converter plug-in loaded exactly as the framework loads it.
 
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
@@ -31,6 +34,21 @@ std::string format_endpoint(const boost::asio::ip::tcp::endpoint& endpoint) {
     return host + ":" + std::to_string(endpoint.port());
 }
 
+// A reader of standard error that goes away must not end the simulator: the
+// log only loses its lines. Nor must a log file that reaches its size limit.
+void ignore_signals_about_the_log() {
+    ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGXFSZ, SIG_IGN);
+}
+
+// Every client needs a descriptor: take all the system allows this process.
+void raise_open_file_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -53,10 +71,12 @@ int main(int argc, char** argv) {
         return code == 0 ? 0 : kCannotStart;
     }
 
+    ignore_signals_about_the_log();
+    raise_open_file_limit();
     const routerd::Log log(verbose);
     try {
         routerd::SimulatorConfig config =
-            config_path.empty() ? routerd::builtin_config() : routerd::load_config(config_path);
+            app.count("--config") == 0 ? routerd::builtin_config() : routerd::load_config(config_path);
         if (!listen.empty()) config.listen = listen;
         if (!plugin_path.empty()) config.plugin_path = plugin_path;
         if (config.plugin_path.empty()) config.plugin_path = default_plugin_path();
@@ -72,6 +92,7 @@ int main(int argc, char** argv) {
         std::fflush(stdout);
         server.run();
         log.info("stopped");
+        log.flush();
         return 0;
     } catch (const routerd::ConfigError& e) {
         std::cerr << "leitch-routerd: configuration error: " << e.what() << '\n';

@@ -21,6 +21,8 @@ Router::Router(const std::vector<LevelSpec>& levels) : specs_(levels) {
         level.source_count = levelSpec.sources;
         level.sources.assign(static_cast<std::size_t>(levelSpec.destinations), 0);
         level.locks.assign(static_cast<std::size_t>(levelSpec.destinations), 0);
+        level.unpublished.assign(static_cast<std::size_t>(levelSpec.destinations), 0);
+        total_destinations_ += static_cast<std::size_t>(levelSpec.destinations);
     }
 }
 
@@ -86,16 +88,40 @@ Refusal Router::take(int level, int source, int destination) {
     const auto index = static_cast<std::size_t>(destination);
     if (state.locks[index] == 1) return Refusal::destination_locked;
     state.sources[index] = source;
-    tell_observers([&](RouterObserver& o) { o.crosspoint_changed(level, source, destination); });
+    note_change(level, state, destination, crosspoint_changed);
     return Refusal::none;
 }
 
 Refusal Router::lock(int level, int destination, int state) {
     const Refusal refusal = preset_lock(level, destination, state);
     if (refusal != Refusal::none) return refusal;
-
-    tell_observers([&](RouterObserver& o) { o.lock_changed(level, destination, state); });
+    note_change(level, *level_state(level), destination, lock_changed);
     return Refusal::none;
+}
+
+void Router::note_change(int level, Level& state, int destination, std::uint8_t what) {
+    std::uint8_t& unpublished = state.unpublished[static_cast<std::size_t>(destination)];
+    if (unpublished & what) return;  // already waiting: the value is read when told
+    unpublished |= what;
+    changes_.push_back({level, destination, what});
+}
+
+void Router::publish() {
+    publishing_.clear();
+    publishing_.swap(changes_);
+    for (const Change& change : publishing_) {
+        Level& state = *level_state(change.level);
+        const auto index = static_cast<std::size_t>(change.destination);
+        // Cleared before telling, so that a change made meanwhile waits for the next publish.
+        state.unpublished[index] &= static_cast<std::uint8_t>(~change.what);
+        if (change.what == crosspoint_changed) {
+            const int source = state.sources[index];
+            tell_observers([&](RouterObserver& o) { o.crosspoint_changed(change.level, source, change.destination); });
+        } else {
+            const int lock = state.locks[index];
+            tell_observers([&](RouterObserver& o) { o.lock_changed(change.level, change.destination, lock); });
+        }
+    }
 }
 
 int Router::source_of(int level, int destination) const {

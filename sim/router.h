@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -15,7 +16,7 @@ struct LevelSpec {
     int destinations = 0;
 };
 
-// Told of every change the router applies, including changes to the value it had.
+// Told of every change the router publishes, including changes to the value it had.
 class RouterObserver {
 public:
     virtual void crosspoint_changed(int level, int source, int destination) = 0;
@@ -39,18 +40,27 @@ std::string describe(Refusal refusal);
 // The simulated matrix: for every level, the source switched to each destination
 // and each destination's lock state. Lock state 1 refuses switching to everyone;
 // every other state lets it through. Nothing here knows a client protocol.
+//
+// A change takes effect at once, in the order asked, so that a take after a
+// lock is refused exactly as it would be one frame later. Observers hear of the
+// changes when the frame is published: once per changed destination, with its
+// value at that moment (the last change wins, as on a router that switches on
+// the next frame). What one frame tells is therefore bounded by the size of the
+// router, however many changes were asked for.
 class Router {
 public:
     explicit Router(const std::vector<LevelSpec>& levels);
 
     const std::vector<LevelSpec>& levels() const { return specs_; }
     const LevelSpec* find_level(int level) const;
+    // Destinations of every level together.
+    std::size_t total_destinations() const { return total_destinations_; }
 
     // Range checks only (no lock check): what a preset can be refused for.
     Refusal check_crosspoint(int level, int source, int destination) const;
 
-    // Switch or lock, then tell every observer. A refused change is neither
-    // stored nor told.
+    // Switch or lock, to be told at the next publish(). A refused change is
+    // neither stored nor told.
     Refusal take(int level, int source, int destination);
     Refusal lock(int level, int destination, int state);
 
@@ -61,24 +71,44 @@ public:
     int source_of(int level, int destination) const;
     int lock_of(int level, int destination) const;
 
+    // True when changes wait to be told.
+    bool changed() const { return !changes_.empty(); }
+    // Tells every observer of every destination changed since the last publish,
+    // in the order of each destination's first change.
+    void publish();
+
     // Observers are told in the order they subscribed. Unsubscribing while a
     // change is being told is safe: the observer is skipped from then on.
     void subscribe(RouterObserver& observer);
     void unsubscribe(RouterObserver& observer);
 
 private:
+    // Bits of Level::unpublished.
+    enum : std::uint8_t { crosspoint_changed = 1, lock_changed = 2 };
+
     struct Level {
         int source_count = 0;
-        std::vector<int> sources;  // per destination
-        std::vector<int> locks;    // per destination
+        std::vector<int> sources;               // per destination
+        std::vector<int> locks;                 // per destination
+        std::vector<std::uint8_t> unpublished;  // per destination: what changed since the last publish
     };
+    struct Change {
+        int level;
+        int destination;
+        std::uint8_t what;
+    };
+
     Level* level_state(int level);
     const Level* level_state(int level) const;
+    void note_change(int level, Level& state, int destination, std::uint8_t what);
     template <typename Tell>
     void tell_observers(const Tell& tell);
 
     std::vector<LevelSpec> specs_;
     std::map<int, Level> state_;  // keyed by the router's level number
+    std::size_t total_destinations_ = 0;
+    std::vector<Change> changes_;  // at most two per destination
+    std::vector<Change> publishing_;
     std::vector<RouterObserver*> observers_;
     int telling_ = 0;            // depth of notification loops under way
     bool has_vacancies_ = false; // unsubscribed while telling: compact afterwards

@@ -1,5 +1,10 @@
 #include "sim/server.h"
 
+#include <malloc.h>
+#include <signal.h>
+
+#include <cerrno>
+
 #include <boost/asio/write.hpp>
 
 namespace routerd {
@@ -33,13 +38,22 @@ tcp::endpoint resolve(asio::io_context& io, const std::string& listen) {
 
 }  // namespace
 
+// While accepting fails for want of descriptors (or memory), the listener is
+// left alone for this long instead of failing again at once, in a loop.
+constexpr std::chrono::seconds kAcceptPause{1};
+
 Server::Server(const SimulatorConfig& config, std::shared_ptr<const PluginLibrary> plugin, const Log& log)
     : log_(log),
+      refusals_(log),
       router_(build_router(config)),
-      switches_(io_.get_executor(), router_, log_, [this] { sessions_.flush_waiting(); }),
-      context_{std::move(plugin), config.converter, router_, switches_, sessions_, log_, config.limits},
+      switches_(io_.get_executor(), router_, refusals_, [this] { sessions_.flush_waiting(); }),
+      context_{std::move(plugin), config.converter, router_, switches_, sessions_, log_, refusals_,
+               config.limits, output_bound(config.limits, config.levels)},
       acceptor_(io_),
-      signals_(io_, SIGINT, SIGTERM) {
+      signals_(io_, SIGINT, SIGTERM),
+      other_signals_(io_, SIGHUP, SIGUSR1, SIGUSR2),
+      accept_pause_(io_),
+      ticker_(io_) {
     const tcp::endpoint endpoint = resolve(io_, config.listen);
     boost::system::error_code ec;
     acceptor_.open(endpoint.protocol(), ec);
@@ -50,11 +64,42 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const PluginLibrar
 }
 
 void Server::run() {
+    wait_for_signals();
+    wait_for_other_signals();
+    tick();
+    do_accept();
+    io_.run();
+}
+
+void Server::wait_for_signals() {
     signals_.async_wait([this](const boost::system::error_code& ec, int signal) {
         if (!ec) shut_down(signal);
     });
-    do_accept();
-    io_.run();
+}
+
+// Signals that would end the simulator without a word.
+void Server::wait_for_other_signals() {
+    other_signals_.async_wait([this](const boost::system::error_code& ec, int signal) {
+        if (ec) return;
+        if (signal == SIGHUP) {
+            log_.info("received SIGHUP, ignored: the configuration is read only at start-up");
+        } else {
+            log_.info(std::string("received ") + (signal == SIGUSR1 ? "SIGUSR1" : "SIGUSR2") + ", ignored");
+        }
+        wait_for_other_signals();
+    });
+}
+
+void Server::tick() {
+    refusals_.end_second();
+    log_.flush();
+    sessions_.check_outputs(std::chrono::steady_clock::now());
+    if (sessions_.take_memory_released()) malloc_trim(0);
+    if (stopping_) return;
+    ticker_.expires_after(std::chrono::seconds(1));
+    ticker_.async_wait([this](const boost::system::error_code& ec) {
+        if (!ec) tick();
+    });
 }
 
 void Server::do_accept() {
@@ -65,10 +110,18 @@ void Server::do_accept() {
 
 void Server::on_accept(const boost::system::error_code& ec, tcp::socket socket) {
     if (ec == asio::error::operation_aborted || !acceptor_.is_open()) return;
+    if (ec == asio::error::no_descriptors || ec.value() == ENFILE || ec == asio::error::no_buffer_space ||
+        ec == asio::error::no_memory) {
+        return pause_accepting(ec);
+    }
     if (ec) {
-        // Out of descriptors and the like: the listener itself is fine.
+        // The connection went away before it was accepted, and the like.
         log_.info("accept failed: " + ec.message());
         return do_accept();
+    }
+    if (failed_accepts_ > 0) {
+        log_.info("accepting clients again (" + with_thousands(failed_accepts_) + " attempt(s) failed)");
+        failed_accepts_ = 0;
     }
     if (sessions_.size() >= context_.limits.max_clients) {
         refuse(std::move(socket));
@@ -84,6 +137,17 @@ void Server::on_accept(const boost::system::error_code& ec, tcp::socket socket) 
         session->stop("session failed to start");
     }
     do_accept();
+}
+
+// The pending connection stays in the listener's queue; one line per run of failures.
+void Server::pause_accepting(const boost::system::error_code& ec) {
+    if (failed_accepts_++ == 0)
+        log_.info("accept failed: " + ec.message() + "; accepting again in " +
+                  std::to_string(kAcceptPause.count()) + " s");
+    accept_pause_.expires_after(kAcceptPause);
+    accept_pause_.async_wait([this](const boost::system::error_code& wait) {
+        if (!wait && acceptor_.is_open()) do_accept();
+    });
 }
 
 // One line saying why, then the connection is closed.
@@ -107,7 +171,12 @@ void Server::shut_down(int signal) {
     log_.info(std::string("received ") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ", shutting down");
     boost::system::error_code ignored;
     acceptor_.close(ignored);
+    accept_pause_.cancel();
+    ticker_.cancel();
+    other_signals_.cancel();
+    stopping_ = true;
     sessions_.stop_all();
+    refusals_.end_second();
 }
 
 }  // namespace routerd

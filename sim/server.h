@@ -6,6 +6,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include "sim/config.h"
 #include "sim/log.h"
@@ -25,6 +26,8 @@ public:
 
 // Accepts clients and gives each a session; everything runs on one io_context
 // on the calling thread, so no call into a converter instance ever overlaps another.
+// Once a second it sums up the refusals, retries the log, disconnects clients
+// that do not read and gives freed memory back to the system.
 class Server {
 public:
     // Binds the listening socket; throws ListenError.
@@ -39,17 +42,27 @@ public:
 private:
     void do_accept();
     void on_accept(const boost::system::error_code& ec, boost::asio::ip::tcp::socket socket);
+    void pause_accepting(const boost::system::error_code& ec);
     void refuse(boost::asio::ip::tcp::socket socket);
+    void wait_for_signals();
+    void wait_for_other_signals();
     void shut_down(int signal);
+    void tick();
 
     boost::asio::io_context io_;
     const Log& log_;
+    RefusalLog refusals_;
     Router router_;
     SwitchQueue switches_;
     SessionManager sessions_;
     SessionContext context_;
     boost::asio::ip::tcp::acceptor acceptor_;
-    boost::asio::signal_set signals_;
+    boost::asio::signal_set signals_;        // SIGINT, SIGTERM: shut down
+    boost::asio::signal_set other_signals_;  // logged and ignored
+    boost::asio::steady_timer accept_pause_;
+    std::size_t failed_accepts_ = 0;         // in a row
+    boost::asio::steady_timer ticker_;
+    bool stopping_ = false;
     int next_client_ = 1;
 };
 

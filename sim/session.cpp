@@ -1,9 +1,8 @@
 #include "sim/session.h"
 
-#include <list>
+#include <new>
 
 #include <boost/asio/post.hpp>
-#include <boost/asio/write.hpp>
 
 #include "sim/session_manager.h"
 
@@ -14,12 +13,33 @@ using asio::ip::tcp;
 
 namespace {
 
+// Router state told to a new instance per event: connecting to a large router
+// costs the other clients no more than a slice of input does.
+constexpr int kIntroductionBatch = 2048;
+
+// An outbox that grew beyond this during a burst is given back once written.
+constexpr std::size_t kKeptOutboxCapacity = 64 * 1024;
+
+// Thrown out of SendData to stop an instance in the middle of an answer that
+// no reading client could need (its own tables bloated by look-ups far beyond
+// the router). To the converter it is an allocation failure of its link, the
+// one exception it lets through.
+struct OutputOverflow : std::bad_alloc {
+    const char* what() const noexcept override { return "output of one event over the bound"; }
+};
+
 std::string describe_peer(const tcp::socket& socket) {
     boost::system::error_code ec;
     const tcp::endpoint peer = socket.remote_endpoint(ec);
     if (ec) return "unknown peer";
     return peer.address().to_string() + ":" + std::to_string(peer.port());
 }
+
+// The converter drops TAB, CR and LF in front of a line only while something
+// else follows them in its buffer, so a chunk that ends in one of them can
+// leave a bare terminator that would otherwise have been dropped. A chunk that
+// ends on any other character is cut like the whole input would be.
+bool is_white(char c) { return c == '\t' || c == '\r' || c == '\n'; }
 
 }  // namespace
 
@@ -29,7 +49,7 @@ Session::Session(tcp::socket socket, int id, const SessionContext& context)
       peer_(describe_peer(socket_)),
       context_(context),
       link_(*this),
-      driver_(id, context.router, context.switches, context.log) {}
+      driver_(id, context.router, context.switches, context.log, context.refusals) {}
 
 Session::~Session() = default;
 
@@ -39,41 +59,57 @@ void Session::start() {
     // delayed acknowledgement.
     boost::system::error_code ignored;
     socket_.set_option(tcp::no_delay(true), ignored);
+    // Writes take what the socket can hold now; the rest waits for writability.
+    socket_.non_blocking(true, ignored);
 
     instance_ = context_.plugin->create(link_);
     instance_->SetCommandDriver(&driver_);
     instance_->LoadConfig(context_.converter_config);
-    introduce_router();
+    std::list<LevelDesc> levels;
+    for (const LevelSpec& level : context_.router.levels())
+        levels.push_back({level.number, level.sources, level.destinations});
+    instance_->LevelList(levels, false);
     context_.router.subscribe(*this);
     context_.log.info("client " + std::to_string(id_) + " connected from " + peer_);
-    do_read();
+    introduce_some();
 }
 
-// The framework's start-up order: the full level list, then the current
-// crosspoint of every destination and the state of every locked one, so that
-// the instance can answer a status query for the whole matrix at once.
-void Session::introduce_router() {
+// The framework's start-up order: after the level list, the current crosspoint
+// of every destination and the state of every locked one, so that the instance
+// can answer a status query for the whole matrix at once. Changes published
+// meanwhile are told as they come; a destination told twice is told the same.
+void Session::introduce_some() {
+    if (state_ != State::introducing) return;
     const Router& router = context_.router;
-    std::list<LevelDesc> levels;
-    for (const LevelSpec& levelSpec : router.levels()) levels.push_back({levelSpec.number, levelSpec.sources, levelSpec.destinations});
-    instance_->LevelList(levels, false);
-
-    in_event_ = true;  // whatever the instance says now leaves with the first flush
-    for (const LevelSpec& levelSpec : router.levels()) {
-        for (int destination = 0; destination < levelSpec.destinations; ++destination)
-            instance_->Crosspoint(levelSpec.number, router.source_of(levelSpec.number, destination), destination);
-        for (int destination = 0; destination < levelSpec.destinations; ++destination) {
-            const int state = router.lock_of(levelSpec.number, destination);
-            if (state != 0) instance_->CrosspointLock(levelSpec.number, destination, state);
+    const std::vector<LevelSpec>& levels = router.levels();
+    in_event_ = true;
+    for (int told = 0; told < kIntroductionBatch && introduced_level_ < levels.size(); ++told) {
+        const LevelSpec& level = levels[introduced_level_];
+        const int destination = introduced_destination_;
+        if (!introducing_locks_) {
+            instance_->Crosspoint(level.number, router.source_of(level.number, destination), destination);
+        } else if (const int lock = router.lock_of(level.number, destination); lock != 0) {
+            instance_->CrosspointLock(level.number, destination, lock);
         }
+        if (++introduced_destination_ < level.destinations) continue;
+        introduced_destination_ = 0;
+        if (introducing_locks_) ++introduced_level_;
+        introducing_locks_ = !introducing_locks_;
     }
     in_event_ = false;
     flush();
+    if (state_ != State::introducing) return;
+    if (introduced_level_ < levels.size()) {
+        asio::post(socket_.get_executor(), [self = shared_from_this()] { self->introduce_some(); });
+        return;
+    }
+    state_ = State::open;
+    continue_input();
 }
 
 void Session::stop(const std::string& reason) {
-    if (stopped_) return;
-    stopped_ = true;
+    if (state_ == State::stopped) return;
+    state_ = State::stopped;
     // Leave the router before the instance goes, so that no change is told to
     // a destroyed instance.
     context_.router.unsubscribe(*this);
@@ -81,28 +117,29 @@ void Session::stop(const std::string& reason) {
     boost::system::error_code ignored;
     socket_.shutdown(tcp::socket::shutdown_both, ignored);
     socket_.close(ignored);
+    std::string().swap(outbox_);
     context_.log.info("client " + std::to_string(id_) + " (" + peer_ + ") disconnected: " + reason);
     context_.manager.leave(shared_from_this());
 }
 
 void Session::crosspoint_changed(int level, int source, int destination) {
-    if (instance_ && !dropping_) instance_->Crosspoint(level, source, destination);
+    if (instance_ && state_ != State::dropping) instance_->Crosspoint(level, source, destination);
 }
 
 void Session::lock_changed(int level, int destination, int state) {
-    if (instance_ && !dropping_) instance_->CrosspointLock(level, destination, state);
+    if (instance_ && state_ != State::dropping) instance_->CrosspointLock(level, destination, state);
 }
 
+// ---------------------------------------------------------------------------
+// Output
+
 void Session::send(const std::string& data) {
-    if (stopped_ || dropping_) return;
+    if (state_ == State::dropping || state_ == State::stopped) return;
+    if (waiting() == 0) progress_at_ = Clock::now();
     outbox_ += data;
-    if (outbox_.size() + in_flight_.size() > context_.limits.max_output_bytes) {
-        drop("more than " + std::to_string(context_.limits.max_output_bytes) +
-             " bytes of output waiting (client does not read)");
-        return;
-    }
-    // Output caused by a router change is written once the change's event is
-    // over, so that all of it leaves together.
+    if (in_input_ && waiting() > context_.output_bound) throw OutputOverflow();
+    // Output caused by a router change is written once the frame is told, so
+    // that all of it leaves together.
     if (!in_event_ && !awaiting_flush_) {
         awaiting_flush_ = true;
         context_.manager.await_flush(shared_from_this());
@@ -111,26 +148,76 @@ void Session::send(const std::string& data) {
 
 void Session::flush() {
     awaiting_flush_ = false;
-    if (writing_ || outbox_.empty() || stopped_) return;
-    if (context_.log.verbose())
-        context_.log.activity("client " + std::to_string(id_) + " >> \"" + escape(outbox_) + "\"");
-    in_flight_.swap(outbox_);
-    writing_ = true;
-    asio::async_write(socket_, asio::buffer(in_flight_),
-                      [self = shared_from_this()](const boost::system::error_code& ec, std::size_t) {
-                          self->on_write(ec);
-                      });
+    if (state_ == State::dropping || state_ == State::stopped) return;
+    if (awaiting_writable_ || waiting() == 0) return;
+    if (context_.log.verbose()) log_sent();
+
+    boost::system::error_code ec;
+    const std::size_t taken = socket_.write_some(asio::buffer(outbox_.data() + written_, waiting()), ec);
+    if (ec && ec != asio::error::would_block) return stop("write failed: " + ec.message());
+    const Clock::time_point now = Clock::now();
+    if (taken > 0) {
+        written_ += taken;
+        progress_at_ = now;
+    }
+    if (waiting() == 0) return took_everything();
+
+    const bool above = waiting() > context_.limits.max_output_bytes;
+    if (above && !above_mark_) above_since_ = now;
+    above_mark_ = above;
+    if (waiting() > context_.output_bound) {
+        return drop("more than " + with_thousands(context_.output_bound) +
+                    " bytes of output waiting (client reads slower than the router changes)");
+    }
+    wait_writable();
 }
 
-void Session::on_write(const boost::system::error_code& ec) {
-    writing_ = false;
-    in_flight_.clear();
-    if (ec) return stop(ec == asio::error::operation_aborted ? "closed" : "write failed: " + ec.message());
-    flush();
-    if (client_done_ && !writing_) stop("closed by client");
+void Session::wait_writable() {
+    awaiting_writable_ = true;
+    socket_.async_wait(tcp::socket::wait_write, [self = shared_from_this()](const boost::system::error_code& ec) {
+        self->on_writable(ec);
+    });
 }
+
+void Session::on_writable(const boost::system::error_code& ec) {
+    awaiting_writable_ = false;
+    if (ec == asio::error::operation_aborted || state_ == State::stopped) return;
+    if (ec) return stop("write failed: " + ec.message());
+    flush();
+    continue_input();
+}
+
+void Session::took_everything() {
+    written_ = 0;
+    logged_ = 0;
+    above_mark_ = false;
+    if (outbox_.capacity() > kKeptOutboxCapacity) {
+        std::string().swap(outbox_);
+        context_.manager.memory_released();
+    } else {
+        outbox_.clear();
+    }
+    if (state_ == State::draining) return stop("closed by client");
+    continue_input();
+}
+
+void Session::check_output(Clock::time_point now) {
+    if (state_ == State::dropping || state_ == State::stopped || waiting() == 0) return;
+    const auto timeout = context_.limits.output_timeout;
+    if (now - progress_at_ >= timeout) {
+        return drop("no output taken for " + std::to_string(timeout.count()) + " ms (client does not read)");
+    }
+    if (above_mark_ && now - above_since_ >= timeout) {
+        return drop("more than " + with_thousands(context_.limits.max_output_bytes) + " bytes of output waiting for " +
+                    std::to_string(timeout.count()) + " ms (client reads too slowly)");
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Input
 
 void Session::do_read() {
+    reading_ = true;
     socket_.async_read_some(asio::buffer(received_),
                             [self = shared_from_this()](const boost::system::error_code& ec, std::size_t n) {
                                 self->on_read(ec, n);
@@ -138,27 +225,70 @@ void Session::do_read() {
 }
 
 void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
-    if (stopped_) return;
+    reading_ = false;
+    if (state_ != State::open) return;
     if (ec == asio::error::eof) {
         // A client that only closed its sending side still gets the answers under way.
-        client_done_ = true;
-        if (!writing_) stop("closed by client");
+        state_ = State::draining;
+        if (waiting() == 0) stop("closed by client");
         return;
     }
     if (ec) return stop(ec == asio::error::operation_aborted ? "closed" : "read failed: " + ec.message());
-    if (dropping_) return;
     if (line_too_long(received_.data(), length)) {
         return stop("more than " + std::to_string(context_.limits.max_line_bytes) +
                     " bytes received without a line end");
     }
     if (context_.log.verbose()) log_received(received_.data(), length);
+    input_begin_ = 0;
+    input_end_ = length;
+    feed_slice();
+}
 
-    in_event_ = true;
-    instance_->ReceiveData(std::string(received_.data(), length), nullptr);
-    in_event_ = false;
-    if (dropping_) return;
+// Hands the next slice to the instance, or reads more once everything has
+// been handed over. Neither while the client's output is over the mark: the
+// socket taking it resumes the input.
+void Session::continue_input() {
+    if (state_ != State::open || slice_scheduled_ || reading_) return;
+    if (waiting() > context_.limits.max_output_bytes) return;
+    if (input_begin_ == input_end_) return do_read();
+    // Other clients' events run before the next slice.
+    slice_scheduled_ = true;
+    asio::post(socket_.get_executor(), [self = shared_from_this()] {
+        self->slice_scheduled_ = false;
+        self->feed_slice();
+    });
+}
+
+void Session::feed_slice() {
+    if (state_ != State::open || input_begin_ == input_end_) return;
+    const std::size_t end = slice_end();
+    const std::string slice(received_.data() + input_begin_, end - input_begin_);
+    input_begin_ = end;
+    in_event_ = in_input_ = true;
+    try {
+        instance_->ReceiveData(slice, nullptr);
+    } catch (const OutputOverflow&) {
+        in_event_ = in_input_ = false;
+        return drop("more than " + with_thousands(context_.output_bound) +
+                    " bytes of output from its own commands in one event");
+    }
+    in_event_ = in_input_ = false;
     flush();
-    do_read();
+    continue_input();
+}
+
+// The end of the next slice: about kInputSliceBytes, never just after TAB, CR
+// or LF (see is_white), so that slicing is invisible to the converter.
+std::size_t Session::slice_end() const {
+    const std::size_t budget_end = input_begin_ + kInputSliceBytes;
+    if (input_end_ <= budget_end) return input_end_;
+    std::size_t end = budget_end;
+    while (end > input_begin_ && is_white(received_[end - 1])) --end;
+    if (end > input_begin_) return end;
+    // Nothing but white space so far: up to and including the next other character.
+    end = budget_end;
+    while (end < input_end_ && is_white(received_[end])) ++end;
+    return end < input_end_ ? end + 1 : input_end_;
 }
 
 bool Session::line_too_long(const char* data, std::size_t length) {
@@ -186,11 +316,20 @@ void Session::log_received(const char* data, std::size_t length) {
     }
 }
 
-// A limit was passed while the instance may be in the middle of a call: stop
+void Session::log_sent() {
+    if (logged_ == outbox_.size()) return;
+    context_.log.activity("client " + std::to_string(id_) + " >> \"" +
+                          escape(std::string_view(outbox_).substr(logged_)) + "\"");
+    logged_ = outbox_.size();
+}
+
+// A limit was passed, perhaps in the middle of a call into the instance: stop
 // once the current event is over.
 void Session::drop(const std::string& reason) {
-    dropping_ = true;
-    outbox_.clear();
+    if (state_ == State::dropping || state_ == State::stopped) return;
+    state_ = State::dropping;
+    std::string().swap(outbox_);
+    written_ = logged_ = 0;
     asio::post(socket_.get_executor(), [self = shared_from_this(), reason] { self->stop(reason); });
 }
 
@@ -201,6 +340,11 @@ void SessionManager::flush_waiting() {
     // The vector's storage is reused by the next frame.
     waiting.clear();
     if (awaiting_flush_.empty()) awaiting_flush_.swap(waiting);
+}
+
+void SessionManager::check_outputs(std::chrono::steady_clock::time_point now) {
+    // A session dropped here leaves the set later, in an event of its own.
+    for (const auto& session : sessions_) session->check_output(now);
 }
 
 void SessionManager::stop_all() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -27,30 +28,52 @@ struct SessionContext {
     SwitchQueue& switches;
     SessionManager& manager;
     const Log& log;
+    RefusalLog& refusals;
     Limits limits;
+    std::size_t output_bound;  // waiting output that disconnects a client (see limits.h)
 };
 
 // One client connection: its socket, its converter instance with the instance's
-// link and driver, and its output. Everything the instance sends during one
-// event leaves in one socket write; a write starts only when none is in flight.
+// link and driver, and its output.
+//
+// Everything the instance sends during one event leaves in one socket write.
+// The client's input is handed to the instance one slice per event, and not at
+// all while the client's waiting output (what the socket has not taken) is
+// above the high-water mark, so that a client that asks for much slows itself
+// down, not the others. A client is disconnected for its output only when it
+// does not read it: nothing taken for a while, or more waiting than the
+// router can produce for a reader that keeps up.
 class Session : public std::enable_shared_from_this<Session>, private RouterObserver {
 public:
+    using Clock = std::chrono::steady_clock;
+
     Session(boost::asio::ip::tcp::socket socket, int id, const SessionContext& context);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Builds the converter instance in the framework's order, joins the router
-    // and starts reading. Throws if the plug-in cannot create an instance.
+    // Builds the converter instance in the framework's order and joins the
+    // router; the current state of the router follows in slices, then reading
+    // starts. Throws if the plug-in cannot create an instance.
     void start();
     // Destroys the instance and closes the connection; the reason goes to the log.
     void stop(const std::string& reason);
 
     int id() const { return id_; }
-    // Writes what the instance has sent, unless a write is in flight.
+    // Writes what the instance has sent, as far as the socket takes it now.
     void flush();
+    // Disconnects a client whose output has not moved for the output timeout.
+    void check_output(Clock::time_point now);
 
 private:
+    enum class State {
+        introducing,  // the instance is being told the router's state; nothing is read yet
+        open,
+        draining,     // the client closed its side: stop once the output is out
+        dropping,     // a limit was passed: stop is under way
+        stopped,
+    };
+
     // The instance's link to its client.
     class Link final : public Interface {
     public:
@@ -64,13 +87,21 @@ private:
     void crosspoint_changed(int level, int source, int destination) override;
     void lock_changed(int level, int destination, int state) override;
 
-    void introduce_router();
+    void introduce_some();
     void send(const std::string& data);
+    std::size_t waiting() const { return outbox_.size() - written_; }
+    void wait_writable();
+    void on_writable(const boost::system::error_code& ec);
+    void took_everything();
+
     void do_read();
     void on_read(const boost::system::error_code& ec, std::size_t length);
-    void on_write(const boost::system::error_code& ec);
+    void continue_input();
+    void feed_slice();
+    std::size_t slice_end() const;
     bool line_too_long(const char* data, std::size_t length);
     void log_received(const char* data, std::size_t length);
+    void log_sent();
     void drop(const std::string& reason);
 
     boost::asio::ip::tcp::socket socket_;
@@ -80,19 +111,32 @@ private:
     Link link_;
     ClientDriver driver_;
     PluginLibrary::Instance instance_;  // declared after the link and driver it borrows
+    State state_ = State::introducing;
+
+    // Where the introduction has got to: level index, then crosspoints or
+    // locks, then destination.
+    std::size_t introduced_level_ = 0;
+    bool introducing_locks_ = false;
+    int introduced_destination_ = 0;
 
     std::array<char, 16 * 1024> received_;
+    std::size_t input_begin_ = 0;  // received_[input_begin_, input_end_) waits for the instance
+    std::size_t input_end_ = 0;
+    bool reading_ = false;          // a read is in flight
+    bool slice_scheduled_ = false;  // the next slice is posted
     std::size_t bytes_since_line_end_ = 0;
     std::string activity_line_;  // the verbose log's unfinished received line
 
-    std::string outbox_;    // sent by the instance, not yet written
-    std::string in_flight_; // being written
-    bool writing_ = false;
-    bool awaiting_flush_ = false;  // listed with the manager for the end of a router change
-    bool in_event_ = false;  // inside ReceiveData: the read handler flushes afterwards
-    bool dropping_ = false;  // a limit was passed: stop is under way
-    bool client_done_ = false;  // the client closed its side: stop once the output is out
-    bool stopped_ = false;
+    std::string outbox_;       // sent by the instance; outbox_[written_..] not taken by the socket yet
+    std::size_t written_ = 0;
+    std::size_t logged_ = 0;   // outbox_[..logged_] is in the activity log
+    bool awaiting_writable_ = false;
+    bool awaiting_flush_ = false;  // listed with the manager for the end of a frame
+    bool in_event_ = false;        // the instance is handling input or the introduction: flush afterwards
+    bool in_input_ = false;        // inside ReceiveData
+    Clock::time_point progress_at_;  // last time the socket took output, or output began to wait
+    Clock::time_point above_since_;  // when waiting output went above the high-water mark
+    bool above_mark_ = false;
 };
 
 }  // namespace routerd

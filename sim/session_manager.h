@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <set>
@@ -13,18 +14,33 @@ class Session;
 class SessionManager {
 public:
     void join(const std::shared_ptr<Session>& session) { sessions_.insert(session); }
-    void leave(const std::shared_ptr<Session>& session) { sessions_.erase(session); }
+    void leave(const std::shared_ptr<Session>& session) {
+        sessions_.erase(session);
+        memory_released();
+    }
     std::size_t size() const { return sessions_.size(); }
     void stop_all();
 
-    // A session with output from a router change; written when the change's
-    // event ends (flush_waiting), so that all of it leaves in one write.
+    // A session with output from a router change; written when the frame has
+    // been told (flush_waiting), so that all of it leaves in one write.
     void await_flush(std::shared_ptr<Session> session) { awaiting_flush_.push_back(std::move(session)); }
     void flush_waiting();
+
+    // Disconnects the sessions whose clients do not read.
+    void check_outputs(std::chrono::steady_clock::time_point now);
+
+    // Large buffers were freed: the memory can be given back to the system.
+    void memory_released() { memory_released_ = true; }
+    bool take_memory_released() {
+        const bool released = memory_released_;
+        memory_released_ = false;
+        return released;
+    }
 
 private:
     std::set<std::shared_ptr<Session>> sessions_;
     std::vector<std::shared_ptr<Session>> awaiting_flush_;
+    bool memory_released_ = false;
 };
 
 }  // namespace routerd

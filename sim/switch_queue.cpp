@@ -1,36 +1,42 @@
 #include "sim/switch_queue.h"
 
+#include <string>
+
 #include <boost/asio/post.hpp>
 
 namespace routerd {
 
-void SwitchQueue::push(const Change& change) {
-    const bool idle = waiting_.empty();
-    waiting_.push_back(change);
+void SwitchQueue::take(int client, int level, int source, int destination) {
+    const Refusal refusal = router_.take(level, source, destination);
+    if (refusal == Refusal::none) return end_frame_soon();
+    refusals_.refused(client, "takes", describe(refusal), [&] {
+        return "client " + std::to_string(client) + ": refused take of source " + std::to_string(source) +
+               " to destination " + std::to_string(destination) + " on level " + std::to_string(level) + ": " +
+               describe(refusal);
+    });
+}
+
+void SwitchQueue::lock(int client, int level, int destination, int state) {
+    const Refusal refusal = router_.lock(level, destination, state);
+    if (refusal == Refusal::none) return end_frame_soon();
+    refusals_.refused(client, "locks", describe(refusal), [&] {
+        return "client " + std::to_string(client) + ": refused lock state " + std::to_string(state) +
+               " of destination " + std::to_string(destination) + " on level " + std::to_string(level) + ": " +
+               describe(refusal);
+    });
+}
+
+void SwitchQueue::end_frame_soon() {
+    if (frame_pending_) return;
+    frame_pending_ = true;
     // The queue outlives the io_context's run, so the handler may hold `this`.
-    if (idle) boost::asio::post(executor_, [this] { apply_all(); });
+    boost::asio::post(executor_, [this] { end_frame(); });
 }
 
-void SwitchQueue::apply_all() {
-    applying_.swap(waiting_);
-    for (const Change& change : applying_) apply(change);
-    applying_.clear();
+void SwitchQueue::end_frame() {
+    frame_pending_ = false;
+    router_.publish();
     if (frame_done_) frame_done_();
-}
-
-void SwitchQueue::apply(const Change& change) {
-    const Refusal refusal = change.kind == Change::crosspoint
-                                ? router_.take(change.level, change.value, change.destination)
-                                : router_.lock(change.level, change.destination, change.value);
-    if (refusal == Refusal::none) return;
-    const std::string what =
-        change.kind == Change::crosspoint
-            ? "take of source " + std::to_string(change.value) + " to destination " +
-                  std::to_string(change.destination)
-            : "lock state " + std::to_string(change.value) + " of destination " +
-                  std::to_string(change.destination);
-    log_.info("client " + std::to_string(change.client) + ": refused " + what + " on level " +
-              std::to_string(change.level) + ": " + describe(refusal));
 }
 
 }  // namespace routerd

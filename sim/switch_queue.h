@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <vector>
 
 #include <boost/asio/any_io_executor.hpp>
 
@@ -10,43 +9,31 @@
 
 namespace routerd {
 
-// Router changes waiting for the next frame. A real router switches on the
-// frame after the command, so a change requested while handling one event is
-// applied in an event of its own, after it, in the order requested. Every
-// client's changes go through the one queue, so the order holds across clients.
+// The clients' way to the router. A real router switches on the frame after
+// the command: a change asked for while handling one event takes effect in the
+// router at once, in the order asked (every client's changes go through here,
+// so the order holds across clients), and is told to the observers in an event
+// of its own, after the current one, together with every other change of that
+// frame.
 class SwitchQueue {
 public:
-    // `frame_done` runs after each batch of changes, in the same event.
-    SwitchQueue(boost::asio::any_io_executor executor, Router& router, const Log& log,
+    // `frame_done` runs after each frame is told, in the same event.
+    SwitchQueue(boost::asio::any_io_executor executor, Router& router, RefusalLog& refusals,
                 std::function<void()> frame_done)
-        : executor_(std::move(executor)), router_(router), log_(log), frame_done_(std::move(frame_done)) {}
+        : executor_(std::move(executor)), router_(router), refusals_(refusals), frame_done_(std::move(frame_done)) {}
 
-    void take(int client, int level, int source, int destination) {
-        push({Change::crosspoint, client, level, destination, source});
-    }
-    void lock(int client, int level, int destination, int state) {
-        push({Change::lock, client, level, destination, state});
-    }
+    void take(int client, int level, int source, int destination);
+    void lock(int client, int level, int destination, int state);
 
 private:
-    struct Change {
-        enum Kind { crosspoint, lock } kind;
-        int client;
-        int level;
-        int destination;
-        int value;  // the source of a crosspoint, the state of a lock
-    };
-
-    void push(const Change& change);
-    void apply_all();
-    void apply(const Change& change);
+    void end_frame_soon();
+    void end_frame();
 
     boost::asio::any_io_executor executor_;
     Router& router_;
-    const Log& log_;
+    RefusalLog& refusals_;
     std::function<void()> frame_done_;
-    std::vector<Change> waiting_;
-    std::vector<Change> applying_;
+    bool frame_pending_ = false;
 };
 
 }  // namespace routerd

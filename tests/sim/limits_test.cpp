@@ -13,6 +13,15 @@ namespace {
 
 const std::string kPrompt = "\r\n>";
 
+// The whole log line that holds `text`.
+std::string log_line_with(const std::string& log, const std::string& text) {
+    const auto at = log.find(text);
+    if (at == std::string::npos) return {};
+    const auto begin = log.rfind('\n', at);
+    const auto start = begin == std::string::npos ? 0 : begin + 1;
+    return log.substr(start, log.find('\n', at) - start);
+}
+
 // A take and its answer, to show a client is still served.
 void expect_served(Client& client) {
     client.send("@ X:0/1,2\r");
@@ -55,8 +64,22 @@ TEST(RouterdLimits, ALineWithoutLineEndPastTheLimitDisconnectsThatClientOnly) {
     expect_served(other);
 }
 
+// One level of 1152 by 1152 (a full level status answer is about 16 KiB) and
+// a short output timeout.
+const char* const kImpatientLargeLevel =
+    "[server]\n"
+    "output_timeout_ms = 1000\n"
+    "[plugin.config]\n"
+    "device_id = \"1\"\n"
+    "level_mapping_video = \"0\"\n"
+    "[[level]]\n"
+    "number = 0\n"
+    "sources = 1152\n"
+    "destinations = 1152\n";
+
 TEST(RouterdLimits, ClientThatNeverReadsIsDisconnectedAndMemoryStaysBounded) {
-    Routerd routerd({"--config", LEITCH_SIM_TEST_DIR "/configs/one_large_level.toml"});
+    const TempFile config("impatient.toml", kImpatientLargeLevel);
+    Routerd routerd({"--config", config.path()});
     Client first(routerd.port()), second(routerd.port());
     Client sleeper(routerd.port(), 4096);
     sleeper.send("@ ?\r");
@@ -87,7 +110,10 @@ TEST(RouterdLimits, ClientThatNeverReadsIsDisconnectedAndMemoryStaysBounded) {
             }
         }
     }
-    EXPECT_TRUE(routerd.log_contains("bytes of output waiting (client does not read)"));
+    const std::string reason = "disconnected: no output taken for 1000 ms (client does not read)";
+    ASSERT_TRUE(routerd.log_contains(reason));
+    EXPECT_EQ(log_line_with(routerd.log(), reason).find("client 3 (127.0.0.1:"), 24u);
+    EXPECT_EQ(occurrences(routerd.log(), "disconnected:"), 1u);
     EXPECT_TRUE(sleeper.closed_by_server());
     EXPECT_LT(routerd.resident_kib() - before, 16 * 1024);
     expect_served(first);

@@ -52,8 +52,78 @@ TEST(RouterdModel, AnUnchangedCrosspointIsToldAgain) {
     Recorder recorder;
     router.subscribe(recorder);
     router.take(7, 2, 1);
+    router.publish();
     router.take(7, 2, 1);
+    router.publish();
     EXPECT_EQ(recorder.told, (std::vector<std::string>{"crosspoint 7 2 1", "crosspoint 7 2 1"}));
+}
+
+TEST(RouterdModel, ChangesAreToldOnlyWhenPublished) {
+    Router router = small_router();
+    Recorder recorder;
+    router.subscribe(recorder);
+    EXPECT_EQ(router.take(7, 2, 1), Refusal::none);
+    EXPECT_EQ(router.source_of(7, 1), 2);  // in effect at once
+    EXPECT_TRUE(recorder.told.empty());
+    EXPECT_TRUE(router.changed());
+    router.publish();
+    EXPECT_FALSE(router.changed());
+    EXPECT_EQ(recorder.told, (std::vector<std::string>{"crosspoint 7 2 1"}));
+    router.publish();
+    EXPECT_EQ(recorder.told.size(), 1u);
+}
+
+TEST(RouterdModel, OneFrameTellsEachDestinationOnceWithItsLastValue) {
+    Router router = small_router();
+    Recorder recorder;
+    router.subscribe(recorder);
+    router.take(7, 1, 2);
+    router.lock(7, 0, 2);
+    router.take(7, 3, 0);
+    for (int i = 0; i < 1000; ++i) router.take(7, i % 4, 2);
+    router.lock(7, 0, 0);
+    router.publish();
+    EXPECT_EQ(recorder.told,
+              (std::vector<std::string>{"crosspoint 7 3 2", "lock 7 0 0", "crosspoint 7 3 0"}));
+}
+
+TEST(RouterdModel, ATakeAfterALockInTheSameFrameIsRefused) {
+    Router router = small_router();
+    Recorder recorder;
+    router.subscribe(recorder);
+    router.take(7, 1, 1);
+    router.lock(7, 1, 1);
+    EXPECT_EQ(router.take(7, 2, 1), Refusal::destination_locked);
+    router.publish();
+    EXPECT_EQ(recorder.told, (std::vector<std::string>{"crosspoint 7 1 1", "lock 7 1 1"}));
+}
+
+// An observer that changes the router while being told: the change waits for
+// the next publish.
+class Changer : public RouterObserver {
+public:
+    explicit Changer(Router& router) : router_(router) {}
+    void crosspoint_changed(int level, int source, int destination) override {
+        told.push_back(source);
+        if (source == 1) router_.take(level, 2, destination);
+    }
+    void lock_changed(int, int, int) override {}
+    std::vector<int> told;
+
+private:
+    Router& router_;
+};
+
+TEST(RouterdModel, AChangeMadeWhilePublishingIsToldByTheNextPublish) {
+    Router router = small_router();
+    Changer changer(router);
+    router.subscribe(changer);
+    router.take(7, 1, 0);
+    router.publish();
+    EXPECT_EQ(changer.told, (std::vector<int>{1}));
+    EXPECT_TRUE(router.changed());
+    router.publish();
+    EXPECT_EQ(changer.told, (std::vector<int>{1, 2}));
 }
 
 TEST(RouterdModel, LockStateOneRefusesSwitchingOtherStatesDoNot) {
@@ -90,7 +160,9 @@ TEST(RouterdModel, AnObserverMayUnsubscribeWhileBeingTold) {
     router.subscribe(leaver);
     router.subscribe(after);
     router.take(7, 1, 0);
+    router.publish();
     router.take(7, 2, 0);
+    router.publish();
     EXPECT_EQ(leaver.told, 1);
     EXPECT_EQ(after.told, (std::vector<std::string>{"crosspoint 7 1 0", "crosspoint 7 2 0"}));
 }
