@@ -36,6 +36,19 @@ tcp::endpoint resolve(asio::io_context& io, const std::string& listen) {
     return results.begin()->endpoint();
 }
 
+std::string signal_name(int signal) {
+    switch (signal) {
+        case SIGUSR1: return "SIGUSR1";
+        case SIGUSR2: return "SIGUSR2";
+        case SIGALRM: return "SIGALRM";
+        case SIGVTALRM: return "SIGVTALRM";
+        case SIGPROF: return "SIGPROF";
+        case SIGIO: return "SIGIO";
+        case SIGPWR: return "SIGPWR";
+    }
+    return "signal " + std::to_string(signal);
+}
+
 }  // namespace
 
 // While accepting fails for want of descriptors (or memory), the listener is
@@ -51,9 +64,12 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const PluginLibrar
                config.limits, output_bound(config.limits, config.levels)},
       acceptor_(io_),
       signals_(io_, SIGINT, SIGTERM),
-      other_signals_(io_, SIGHUP, SIGUSR1, SIGUSR2),
+      other_signals_(io_),
       accept_pause_(io_),
       ticker_(io_) {
+    // Signals whose default action would end the simulator without a word.
+    for (const int signal : {SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGIO, SIGPWR})
+        other_signals_.add(signal);
     const tcp::endpoint endpoint = resolve(io_, config.listen);
     boost::system::error_code ec;
     acceptor_.open(endpoint.protocol(), ec);
@@ -84,7 +100,7 @@ void Server::wait_for_other_signals() {
         if (signal == SIGHUP) {
             log_.info("received SIGHUP, ignored: the configuration is read only at start-up");
         } else {
-            log_.info(std::string("received ") + (signal == SIGUSR1 ? "SIGUSR1" : "SIGUSR2") + ", ignored");
+            log_.info("received " + signal_name(signal) + ", ignored");
         }
         wait_for_other_signals();
     });
