@@ -21,10 +21,8 @@ void ClientDriver::ClearPresets() {
 void ClientDriver::PresetCrosspoint(int level, int source, int destination) {
     const Refusal refusal = router_.check_crosspoint(level, source, destination);
     if (refusal != Refusal::none) {
-        refusals_.refused(client_, "presets", describe(refusal), [&] {
-            return "client " + std::to_string(client_) + ": refused preset of source " + std::to_string(source) +
-                   " to destination " + std::to_string(destination) + " on level " + std::to_string(level) +
-                   ": " + describe(refusal);
+        refusals_.refused(client_, "presets", level, describe(refusal), [&] {
+            return "preset of source " + std::to_string(source) + " to destination " + std::to_string(destination);
         });
         return;
     }

@@ -52,16 +52,19 @@ class RefusalLog {
 public:
     explicit RefusalLog(const Log& log) : log_(log) {}
 
-    // `kind` is the plural of what was refused ("presets", "takes", "locks");
-    // `detail` builds the full line and is called only when it is written.
-    template <typename Detail>
-    void refused(int client, const char* kind, const std::string& reason, const Detail& detail) {
+    // "client 3: refused <what> on level 0: <reason>". `kind` is the plural of
+    // what was refused ("presets", "takes", "locks"); `what` describes this
+    // one ("preset of source 5 to destination 9") and is called only when the
+    // line is written.
+    template <typename What>
+    void refused(int client, const char* kind, int level, const std::string& reason, const What& what) {
         const auto [entry, first] = counts_.try_emplace(Key{client, kind, reason}, 0);
-        if (first) {
-            log_.info(detail());
-        } else {
+        if (!first) {
             ++entry->second;
+            return;
         }
+        log_.info("client " + std::to_string(client) + ": refused " + what() + " on level " + std::to_string(level) +
+                  ": " + reason);
     }
 
     // Logs one line per kind and reason refused more than once since the last call.

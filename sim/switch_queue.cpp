@@ -9,20 +9,16 @@ namespace routerd {
 void SwitchQueue::take(int client, int level, int source, int destination) {
     const Refusal refusal = router_.take(level, source, destination);
     if (refusal == Refusal::none) return end_frame_soon();
-    refusals_.refused(client, "takes", describe(refusal), [&] {
-        return "client " + std::to_string(client) + ": refused take of source " + std::to_string(source) +
-               " to destination " + std::to_string(destination) + " on level " + std::to_string(level) + ": " +
-               describe(refusal);
+    refusals_.refused(client, "takes", level, describe(refusal), [&] {
+        return "take of source " + std::to_string(source) + " to destination " + std::to_string(destination);
     });
 }
 
 void SwitchQueue::lock(int client, int level, int destination, int state) {
     const Refusal refusal = router_.lock(level, destination, state);
     if (refusal == Refusal::none) return end_frame_soon();
-    refusals_.refused(client, "locks", describe(refusal), [&] {
-        return "client " + std::to_string(client) + ": refused lock state " + std::to_string(state) +
-               " of destination " + std::to_string(destination) + " on level " + std::to_string(level) + ": " +
-               describe(refusal);
+    refusals_.refused(client, "locks", level, describe(refusal), [&] {
+        return "lock state " + std::to_string(state) + " of destination " + std::to_string(destination);
     });
 }
 

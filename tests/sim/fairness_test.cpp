@@ -41,14 +41,10 @@ std::string repeat(const std::string& text, int times) {
     return out;
 }
 
-const char* const kLargeLevel =
-    "[plugin.config]\n"
-    "device_id = \"1\"\n"
-    "level_mapping_video = \"0\"\n"
-    "[[level]]\n"
-    "number = 0\n"
-    "sources = 1152\n"
-    "destinations = 1152\n";
+// One level of 1152 by 1152 where a client's output over 1 KiB stops its input.
+std::string large_level_with_small_mark() {
+    return "[server]\nmax_output_bytes = 1024\n" + test_config("one_large_level.toml");
+}
 
 TEST(RouterdFrames, SeveralTakesOfOneDestinationInOneFrameAreToldOnceWithTheLast) {
     Routerd routerd;
@@ -99,7 +95,7 @@ TEST(RouterdSlices, WhiteSpaceRunsAcrossSliceBoundariesAreAnsweredAsOneChunk) {
 }
 
 TEST(RouterdBackPressure, AClientThatAsksForMoreThanItReadsGetsAllOfItLaterAndOthersAreServed) {
-    const TempFile config("small_mark.toml", std::string("[server]\nmax_output_bytes = 1024\n") + kLargeLevel);
+    const TempFile config("small_mark.toml", large_level_with_small_mark());
     Routerd routerd({"--config", config.path()});
     Client greedy(routerd.port(), 8192), other(routerd.port());
     // 200 whole-level answers, about 3 MiB, asked for at once and not read for a while.
@@ -121,7 +117,7 @@ TEST(RouterdBackPressure, AClientThatAsksForMoreThanItReadsGetsAllOfItLaterAndOt
 }
 
 TEST(RouterdBackPressure, TheLargestAnswerReachesAReadingClientWhateverTheMark) {
-    const TempFile config("small_mark.toml", std::string("[server]\nmax_output_bytes = 1024\n") + kLargeLevel);
+    const TempFile config("small_mark.toml", large_level_with_small_mark());
     Routerd routerd({"--config", config.path()});
     Client client(routerd.port());
     client.send("@ S?0000000000000000\r");

@@ -64,21 +64,9 @@ TEST(RouterdLimits, ALineWithoutLineEndPastTheLimitDisconnectsThatClientOnly) {
     expect_served(other);
 }
 
-// One level of 1152 by 1152 (a full level status answer is about 16 KiB) and
-// a short output timeout.
-const char* const kImpatientLargeLevel =
-    "[server]\n"
-    "output_timeout_ms = 1000\n"
-    "[plugin.config]\n"
-    "device_id = \"1\"\n"
-    "level_mapping_video = \"0\"\n"
-    "[[level]]\n"
-    "number = 0\n"
-    "sources = 1152\n"
-    "destinations = 1152\n";
-
 TEST(RouterdLimits, ClientThatNeverReadsIsDisconnectedAndMemoryStaysBounded) {
-    const TempFile config("impatient.toml", kImpatientLargeLevel);
+    // A full level status answer is about 16 KiB.
+    const TempFile config("impatient.toml", "[server]\noutput_timeout_ms = 1000\n" + test_config("one_large_level.toml"));
     Routerd routerd({"--config", config.path()});
     Client first(routerd.port()), second(routerd.port());
     Client sleeper(routerd.port(), 4096);

@@ -89,6 +89,8 @@ std::size_t occurrences(const std::string& text, const std::string& what) {
     return count;
 }
 
+std::string test_config(const std::string& name) { return read_file(LEITCH_SIM_TEST_DIR "/configs/" + name); }
+
 TempFile::TempFile(const std::string& name, const std::string& text)
     : directory_(make_temp_dir()), path_(directory_ + "/" + name) {
     std::ofstream(path_) << text;

@@ -94,4 +94,7 @@ private:
 
 std::size_t occurrences(const std::string& text, const std::string& what);
 
+// The text of tests/sim/configs/<name>.
+std::string test_config(const std::string& name);
+
 }  // namespace simtest
