@@ -37,8 +37,17 @@ struct HeaderRow {
     char text[12];
 };
 
-// The header table, in match order, ended by a row with code -1.
-extern const HeaderRow statusHeader[19];
+// The header table, in match order, ended by a row with code -1. The first
+// header a command starts with gives its code, so "@ W:" is always 7.
+inline constexpr HeaderRow statusHeader[19] = {
+    {kReportOn, "@ ?"},       {kReportOff, "@ !"},       {kReset, "@ Z:"},
+    {kLevelStatus, "@ S?"},   {kOutputStatus, "@ X?"},   {kLock, "@ W:"},
+    {kLockDuplicate, "@ W:"}, {kDirectTake, "@ X:"},     {kPresetClear, "@ B:C"},
+    {kPresetExecute, "@ B:E"}, {kPreset, "@ P:"},        {kOutputPreset, "@ P?"},
+    {kLevelPreset, "@ V?"},   {kFrameSize, "@ F?"},      {kDeviceInfo, "@ I?"},
+    {kQueryQ, "@ Q?"},        {kQueryM, "@ M?"},         {kTimeSet, "@ T,"},
+    {kUnknown, "  "},
+};
 
 // True for the characters that end a message: NUL, LF and CR.
 inline bool ends_message(char c) { return c == '\0' || c == '\n' || c == '\r'; }
@@ -50,7 +59,7 @@ int msg_switcher(char** text);
 // Length of the field at p: characters up to the first terminator, NUL, LF or CR.
 int find_len(const char* p, char terminator);
 
-// Read one field at p with a scanf conversion ("%X" or "%d" into an int).
+// Read one field at p as scanf's "%X" or "%d" would, into an int.
 // width -1 means "up to the terminator" (find_len); any other width is taken as
 // it stands. At most 31 characters are converted. The conversion's outcome is
 // not reported: `out` keeps its value when nothing converts. Returns p + width.
@@ -70,11 +79,14 @@ char* move_next(char* p);
 
 // What sscanf(p, "%d", out) does, without measuring the rest of the text: skip
 // white space, optional sign, decimal digits. Returns false when no digit follows.
+// With `length`, the text ends after that many characters or at a NUL.
 bool scan_decimal(const char* p, int* out);
+bool scan_decimal(const char* p, size_t length, int* out);
 
 // What sscanf(p, "%X", out) does: skip white space, optional sign, optional
 // "0x", hexadecimal digits. Returns false when no number is there.
 bool scan_hex(const char* p, int* out);
+bool scan_hex(const char* p, size_t length, int* out);
 
 // A single hexadecimal digit as "%X" reads one character; -1 for anything else.
 int hex_digit(char c);
