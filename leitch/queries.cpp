@@ -10,6 +10,10 @@
 
 using leitch::asc_val;
 using leitch::ends_message;
+using leitch::kNewLine;
+using leitch::kReportRoom;
+using leitch::write_hex;
+using leitch::write_text;
 using leitch::move_next;
 using leitch::read_field;
 
@@ -112,10 +116,16 @@ void LeitchHost::SendFramesSize(char* text) {
     const int highestSource = size->second.first - 1;
     // A level needs two sources but only one destination to be answered.
     if (highestSource < 1 || highestDestination < 0) return;
-    leitch::Report report(leitch::kNewLine);
-    report.text("F:").hex(level).hex(highestDestination).character(',').hex(highestSource);
-    report.character('/').hex(highestDestination).character(',').hex(highestSource);
-    Send(report.view());
+    char report[kReportRoom];
+    char* end = write_text(write_text(report, kNewLine), "F:");
+    end = write_hex(write_hex(end, level), highestDestination);
+    *end++ = ',';
+    end = write_hex(end, highestSource);
+    *end++ = '/';
+    end = write_hex(end, highestDestination);
+    *end++ = ',';
+    end = write_hex(end, highestSource);
+    Send({report, static_cast<size_t>(end - report)});
 }
 
 void LeitchHost::SendDeviceInformation(char* text) {
@@ -136,11 +146,12 @@ void LeitchHost::SendDeviceInformation(char* text) {
     if (t != 0) return;
     if (lowest > deviceId || highest < deviceId) return;
 
-    leitch::Report report(leitch::kNewLine);
+    char report[kReportRoom];
+    char* end = write_text(report, kNewLine);
     if (kind == 'T') {
-        report.text("I!T,").hex(deviceId).text(",0,0,FFFF,100");
+        end = write_text(write_hex(write_text(end, "I!T,"), deviceId), ",0,0,FFFF,100");
     } else if (kind == 'V') {
-        report.text("I!V,").hex(deviceId).text(",0,0,100,0,100");
+        end = write_text(write_hex(write_text(end, "I!V,"), deviceId), ",0,0,100,0,100");
     } else if (kind == 'A') {
         // The device name travels as two hex digits per byte; it never changes.
         static const std::string name = [] {
@@ -153,9 +164,11 @@ void LeitchHost::SendDeviceInformation(char* text) {
             return digits;
         }();
         const int nameLength = static_cast<int>(std::char_traits<char>::length(kDeviceName));
-        report.text("I!A,").hex(deviceId).text(",0,").hex(nameLength).character(',').text(name);
+        end = write_hex(write_text(write_hex(write_text(end, "I!A,"), deviceId), ",0,"), nameLength);
+        *end++ = ',';
+        end = write_text(end, name);
     } else {
         return;
     }
-    Send(report.view());
+    Send({report, static_cast<size_t>(end - report)});
 }

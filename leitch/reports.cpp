@@ -5,33 +5,42 @@
 #include "leitch/leitch_host.h"
 #include "leitch/wire.h"
 
-using leitch::Report;
+using leitch::kNewLine;
+using leitch::kReportRoom;
+using leitch::lock_code;
+using leitch::write_hex;
+using leitch::write_text;
 
 // A client reads the level as the one hex digit in front of the destination;
 // levels above 15 are written out in full all the same.
 void LeitchHost::SendXpointStatus(int level, int destination, int source) {
-    Report report(leitch::kNewLine);
-    report.text("S:").hex(level).hex(destination).character(',');
-    if (source < 0) {
-        report.character('X');
-    } else {
-        report.hex(source);
-    }
-    Send(report.view());
+    char report[kReportRoom];
+    char* end = write_text(write_text(report, kNewLine), "S:");
+    end = write_hex(write_hex(end, level), destination);
+    *end++ = ',';
+    end = source < 0 ? write_text(end, "X") : write_hex(end, source);
+    Send({report, static_cast<size_t>(end - report)});
 }
 
 void LeitchHost::SendXpointPreset(int level, int destination, int source) {
-    Report report(leitch::kNewLine);
-    report.text("V:").hex(level).hex(destination).character(',').hex(source);
-    Send(report.view());
+    char report[kReportRoom];
+    char* end = write_text(write_text(report, kNewLine), "V:");
+    end = write_hex(write_hex(end, level), destination);
+    *end++ = ',';
+    end = write_hex(end, source);
+    Send({report, static_cast<size_t>(end - report)});
 }
 
 void LeitchHost::SendXpointLockStatus(int level, int destination, int state) {
     const int owner = xpointLock[level][destination];
-    Report report(leitch::kNewLine);
-    report.text("W!").hex(level).hex(destination).character(',').hex(owner).character(',');
-    report.hex(leitch::lock_code(state));
-    Send(report.view());
+    char report[kReportRoom];
+    char* end = write_text(write_text(report, kNewLine), "W!");
+    end = write_hex(write_hex(end, level), destination);
+    *end++ = ',';
+    end = write_hex(end, owner);
+    *end++ = ',';
+    end = write_hex(end, lock_code(state));
+    Send({report, static_cast<size_t>(end - report)});
 }
 
 int LeitchHost::NotifiedLevel(int level) const {

@@ -72,12 +72,9 @@ int msg_switcher(char** text) {
 }
 
 int find_len(const char* p, char terminator) {
-    const unsigned char t = static_cast<unsigned char>(terminator);
     int n = 0;
-    for (;; ++n) {
-        const unsigned char c = static_cast<unsigned char>(p[n]);
-        if (c == t || c == '\0' || c == '\n' || c == '\r') return n;
-    }
+    while (p[n] != terminator && !ends_message(p[n])) ++n;
+    return n;
 }
 
 namespace {
@@ -111,12 +108,7 @@ bool read_field(const char* p, const char* format, int* out, char terminator) {
     // Only the first 31 characters take part in the conversion, so the field
     // needs measuring only that far.
     int width = 0;
-    const unsigned char t = static_cast<unsigned char>(terminator);
-    while (width < kConvertedChars) {
-        const unsigned char c = static_cast<unsigned char>(p[width]);
-        if (c == t || c == '\0' || c == '\n' || c == '\r') break;
-        ++width;
-    }
+    while (width < kConvertedChars && p[width] != terminator && !ends_message(p[width])) ++width;
     return convert(p, width, format, out);
 }
 
@@ -125,12 +117,6 @@ char* move_next(char* p) {
     return p;
 }
 
-int hex_digit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
 
 namespace {
 
@@ -238,10 +224,8 @@ FieldEnds::Scan* FieldEnds::scan_for(char terminator) {
 int FieldEnds::find_len(const char* p, char terminator) {
     // Most fields end within a few characters: those are measured directly.
     constexpr int kNear = 32;
-    const unsigned char t = static_cast<unsigned char>(terminator);
     for (int n = 0; n < kNear; ++n) {
-        const unsigned char c = static_cast<unsigned char>(p[n]);
-        if (c == t || c == '\0' || c == '\n' || c == '\r') return n;
+        if (p[n] == terminator || ends_message(p[n])) return n;
     }
     Scan* const scan = scan_for(terminator);
     if (!scan) return kNear + leitch::find_len(p + kNear, terminator);

@@ -50,7 +50,10 @@ inline constexpr HeaderRow statusHeader[19] = {
 };
 
 // True for the characters that end a message: NUL, LF and CR.
-inline bool ends_message(char c) { return c == '\0' || c == '\n' || c == '\r'; }
+inline bool ends_message(char c) {
+    // Most characters are above CR: one comparison settles them.
+    return static_cast<unsigned char>(c) <= '\r' && (c == '\0' || c == '\n' || c == '\r');
+}
 
 // Classify the command at *text by the first header of statusHeader that it
 // starts with; on a match step *text over the header. Returns the code or -1.
@@ -89,7 +92,21 @@ bool scan_hex(const char* p, int* out);
 bool scan_hex(const char* p, size_t length, int* out);
 
 // A single hexadecimal digit as "%X" reads one character; -1 for anything else.
-int hex_digit(char c);
+inline int hex_digit(char c) {
+    struct Digits {
+        signed char value[256];
+        constexpr Digits() : value() {
+            for (int c = 0; c < 256; ++c) {
+                value[c] = c >= '0' && c <= '9'   ? static_cast<signed char>(c - '0')
+                           : c >= 'A' && c <= 'F' ? static_cast<signed char>(c - 'A' + 10)
+                           : c >= 'a' && c <= 'f' ? static_cast<signed char>(c - 'a' + 10)
+                                                  : -1;
+            }
+        }
+    };
+    static constexpr Digits kDigits;
+    return kDigits.value[static_cast<unsigned char>(c)];
+}
 
 // find_len for the separators ',', '/' and ':' on one line, answered from one
 // scan of the line per separator. The preset and lock commands read their

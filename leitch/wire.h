@@ -4,6 +4,7 @@
 // commands: the rules every handler shares.
 
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 
 #include "leitch/scan.h"
@@ -36,37 +37,33 @@ private:
     int level_ = -1;
 };
 
-// One report, built in a fixed buffer as "%s" and "%X" would write it. The
-// query answers come in thousands, so the digits are written here rather than
-// by the C library's formatted printing. The longest report is 31 characters.
-class Report {
-public:
-    explicit Report(std::string_view opening) { text(opening); }
+// Reports are written into a fixed buffer, as "%s" and "%X" would write them,
+// and sent as one string. The query answers come in thousands, so the digits
+// are written here rather than by the C library's formatted printing.
+constexpr size_t kReportRoom = 64;  // the longest report is 49 characters
 
-    Report& text(std::string_view s) {
-        for (const char c : s) buffer_[length_++] = c;
-        return *this;
-    }
-    Report& character(char c) {
-        buffer_[length_++] = c;
-        return *this;
-    }
-    // Upper-case hexadecimal without leading zeros; a negative number as its
-    // 32-bit two's complement.
-    Report& hex(int value) {
-        const unsigned v = static_cast<unsigned>(value);
-        int digits = 1;
-        while (digits < 8 && (v >> (4 * digits)) != 0) ++digits;
-        for (int i = digits - 1; i >= 0; --i) {
-            buffer_[length_++] = "0123456789ABCDEF"[(v >> (4 * i)) & 0xF];
-        }
-        return *this;
-    }
-    std::string_view view() const { return {buffer_, length_}; }
+inline char* write_text(char* out, std::string_view text) {
+    std::memcpy(out, text.data(), text.size());
+    return out + text.size();
+}
 
-private:
-    char buffer_[64];
-    size_t length_ = 0;
-};
+// Upper-case hexadecimal without leading zeros; a negative number as its
+// 32-bit two's complement.
+inline char* write_hex(char* out, int value) {
+    unsigned v = static_cast<unsigned>(value);
+    // Levels are always one digit, and so are most sources.
+    if (v < 16) {
+        *out = "0123456789ABCDEF"[v];
+        return out + 1;
+    }
+    // One digit per started group of four bits.
+    char* const end = out + ((35 - __builtin_clz(v)) >> 2);
+    char* p = end;
+    do {
+        *--p = "0123456789ABCDEF"[v & 0xF];
+        v >>= 4;
+    } while (v != 0);
+    return end;
+}
 
 }  // namespace leitch
