@@ -77,8 +77,7 @@ void LeitchHost::PresetXpoint(char* text) {
         p = asc_val(p, fieldEnds.find_len(p, ','), "%X", &destination, ',');
         // The source runs to the "/" of the next group or to the ":" of the
         // device field, whichever comes first.
-        const char terminator =
-            fieldEnds.find_len(p, '/') < fieldEnds.find_len(p, ':') ? '/' : ':';
+        const char terminator = fieldEnds.nearer(p, '/', ':');
         p = move_next(p);
         if (*p == 'X') {
             // No source. The scan stays on the "X", so "X" works as the last group

@@ -128,6 +128,19 @@ bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 bool scan_hex(const char* p, size_t length, int* out) {
     // Characters at and after `length` read as the end of the text, as a NUL does.
     const auto at = [p, length](size_t i) { return i < length ? p[i] : '\0'; };
+    // Most fields are a few digits and nothing else: up to eight digits cannot
+    // overflow, and without a leading "0x" there is nothing else to look at.
+    if (hex_digit(at(0)) >= 0 && !(at(0) == '0' && (at(1) == 'x' || at(1) == 'X'))) {
+        unsigned value = 0;
+        size_t n = 0;
+        for (int digit; n < 8 && (digit = hex_digit(at(n))) >= 0; ++n) {
+            value = value * 16 + static_cast<unsigned>(digit);
+        }
+        if (hex_digit(at(n)) < 0) {
+            *out = static_cast<int>(value);
+            return true;
+        }
+    }
     size_t i = 0;
     while (is_space(at(i))) ++i;
     bool negative = false;
@@ -219,6 +232,15 @@ FieldEnds::Scan* FieldEnds::scan_for(char terminator) {
         scan->lineNumber = lineNumber_;
     }
     return scan;
+}
+
+char FieldEnds::nearer(const char* p, char first, char second) {
+    constexpr int kNear = 32;
+    for (int n = 0; n < kNear && !ends_message(p[n]); ++n) {
+        if (p[n] == first) return first;
+        if (p[n] == second) return second;
+    }
+    return find_len(p, first) < find_len(p, second) ? first : second;
 }
 
 int FieldEnds::find_len(const char* p, char terminator) {

@@ -123,6 +123,10 @@ public:
     // Exactly find_len(p, terminator).
     int find_len(const char* p, char terminator);
 
+    // Whichever of the two ends the field at p first: `first` when
+    // find_len(p, first) < find_len(p, second), else `second`.
+    char nearer(const char* p, char first, char second);
+
 private:
     struct Scan {
         std::vector<const char*> ends;  // every field end found so far, ascending
