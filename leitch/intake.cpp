@@ -95,8 +95,13 @@ private:
     leitch::FieldEnds& fields_;
 };
 
-bool is_terminator(char c) { return c == '\r' || c == '\n'; }
-bool is_leading_white(char c) { return c == '\t' || c == '\r' || c == '\n'; }
+// TAB, LF and CR are all at or below CR: most characters are settled by one comparison.
+bool is_terminator(char c) {
+    return static_cast<unsigned char>(c) <= '\r' && (c == '\r' || c == '\n');
+}
+bool is_leading_white(char c) {
+    return static_cast<unsigned char>(c) <= '\r' && (c == '\t' || c == '\r' || c == '\n');
+}
 
 }  // namespace
 

@@ -235,7 +235,6 @@ FieldEnds::Scan* FieldEnds::scan_for(char terminator) {
 }
 
 char FieldEnds::nearer(const char* p, char first, char second) {
-    constexpr int kNear = 32;
     for (int n = 0; n < kNear && !ends_message(p[n]); ++n) {
         if (p[n] == first) return first;
         if (p[n] == second) return second;
@@ -243,12 +242,7 @@ char FieldEnds::nearer(const char* p, char first, char second) {
     return find_len(p, first) < find_len(p, second) ? first : second;
 }
 
-int FieldEnds::find_len(const char* p, char terminator) {
-    // Most fields end within a few characters: those are measured directly.
-    constexpr int kNear = 32;
-    for (int n = 0; n < kNear; ++n) {
-        if (p[n] == terminator || ends_message(p[n])) return n;
-    }
+int FieldEnds::find_far(const char* p, char terminator) {
     Scan* const scan = scan_for(terminator);
     if (!scan) return kNear + leitch::find_len(p + kNear, terminator);
     // Every field end of the line before `next` is in `ends`. Scan on until

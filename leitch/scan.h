@@ -120,14 +120,24 @@ public:
     void begin_line(const char* line);
     void end_line();
 
-    // Exactly find_len(p, terminator).
-    int find_len(const char* p, char terminator);
+    // Exactly find_len(p, terminator). Most fields end within a few
+    // characters: those are measured directly.
+    int find_len(const char* p, char terminator) {
+        for (int n = 0; n < kNear; ++n) {
+            if (p[n] == terminator || ends_message(p[n])) return n;
+        }
+        return find_far(p, terminator);
+    }
 
     // Whichever of the two ends the field at p first: `first` when
     // find_len(p, first) < find_len(p, second), else `second`.
     char nearer(const char* p, char first, char second);
 
 private:
+    static constexpr int kNear = 32;
+    // find_len for a field at least kNear long.
+    int find_far(const char* p, char terminator);
+
     struct Scan {
         std::vector<const char*> ends;  // every field end found so far, ascending
         const char* next = nullptr;     // where the scan goes on; null once at the NUL
