@@ -250,6 +250,19 @@ std::vector<Case> all_cases() {
                                   long_line(commands, pattern), commands));
         }
     }
+    // One long line arriving in 64-byte chunks, as a client's writes reach the
+    // framework: each byte is searched for the line's end once, however many
+    // chunks came before it.
+    for (const size_t mebibytes : {1u, 4u}) {
+        auto chunks = std::make_shared<std::vector<std::string>>();
+        const std::string line = long_line(mebibytes * 1024 * 1024 / 8, {"@ Q?1234"});
+        for (size_t at = 0; at < line.size(); at += 64) chunks->push_back(line.substr(at, 64));
+        cases.push_back({"LongLineIn64ByteChunks/" + std::to_string(mebibytes) + "MiB", [](Rig&) {},
+                         [chunks](Rig& rig) {
+                             for (const std::string& chunk : *chunks) rig.receive(chunk);
+                         },
+                         1, line.size()});
+    }
     return cases;
 }
 

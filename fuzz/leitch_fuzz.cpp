@@ -15,9 +15,9 @@
 #include <list>
 #include <map>
 #include <string>
-#include <vector>
 
 #include "fuzz/fuzz_input.h"
+#include "host/answering_driver.h"
 #include "leitch/leitch_host.h"
 
 namespace {
@@ -67,41 +67,18 @@ public:
 };
 
 // Records the calls as a count and a running hash: one reset can make millions.
-class Driver : public CommandDriver {
+class Driver : public plugin_host::AnsweringDriver {
 public:
-    void TakePresets() override {
-        record(0, 0, 0, 0);
-        std::vector<Queued> switched;
-        switched.swap(queue_);
-        if (!router) return;
-        for (const Queued& q : switched) router->Crosspoint(q.level, q.source, q.destination);
-    }
-    void ClearPresets() override {
-        record(1, 0, 0, 0);
-        queue_.clear();
-    }
-    void PresetCrosspoint(int level, int source, int destination) override {
-        record(2, level, source, destination);
-        queue_.push_back({level, source, destination});
-    }
-    void LockCrosspoint(int level, int destination, int state) override {
-        record(3, level, destination, state);
-        if (router) router->CrosspointLock(level, destination, state);
-    }
-
-    LeitchHost* router = nullptr;  // set: answer like a router
     uint64_t calls = 0;
     uint64_t hash = 0;
 
 private:
-    struct Queued {
-        int level, source, destination;
-    };
-    void record(int operation, int a, int b, int c) {
+    void record(Operation operation, int a, int b, int c) override {
         ++calls;
-        for (const int v : {operation, a, b, c}) hash = (hash ^ static_cast<uint32_t>(v)) * 0x100000001b3u;
+        for (const int v : {static_cast<int>(operation), a, b, c}) {
+            hash = (hash ^ static_cast<uint32_t>(v)) * 0x100000001b3u;
+        }
     }
-    std::vector<Queued> queue_;  // presets not yet taken or cleared
 };
 
 void check(bool condition, const char* what) {
@@ -178,7 +155,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         } else if (op <= kLoadConfigLast) {
             host.LoadConfig(configuration(in.bytes(in.byte())));
         } else {
-            driver.router = (op & 1) != 0 ? &host : nullptr;
+            driver.routerTarget = (op & 1) != 0 ? &host : nullptr;
         }
     }
     return 0;

@@ -3,6 +3,7 @@
 #include <list>
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "framework/command_driver.h"
@@ -63,12 +64,25 @@ public:
 private:
     using LevelTable = std::map<int, std::map<int, int>>;
 
-    void Send(std::string text) { hostInterface->SendData(std::move(text)); }
+    void Send(std::string_view text) { hostInterface->SendData(std::string(text)); }
+
+    // Decode for a line that ends at a NUL, whatever its storage.
+    void DecodeText(char* line);
+
+    // The Leitch level a router notification about host level `level` concerns,
+    // or -1 when Leitch clients do not see that level.
+    int NotifiedLevel(int level) const;
+
+    // Whether `device` asked for the lock on this destination (lock command).
+    bool OwnsLock(int level, int destination, int device) const;
 
     CommandDriver* commandDriver;
     Interface* hostInterface;
     bool reportingEnabled;
     std::string rxBuffer;
+    // How much of rxBuffer, from its start, is known to hold no CR or LF, so
+    // that a line arriving in many chunks is searched for its end only once.
+    size_t rxSearched = 0;
     int deviceId;
     std::map<int, int> levelMapping;  // host level -> Leitch level
     std::map<int, int> levelControl;  // Leitch level -> host level

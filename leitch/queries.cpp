@@ -6,15 +6,19 @@
 
 #include "leitch/leitch_host.h"
 #include "leitch/scan.h"
+#include "leitch/wire.h"
 
 using leitch::asc_val;
 using leitch::ends_message;
+using leitch::kNewLine;
+using leitch::kReportRoom;
+using leitch::write_hex;
+using leitch::write_text;
 using leitch::move_next;
 using leitch::read_field;
 
 namespace {
 
-constexpr const char* kPrefix = "\r\n";
 constexpr const char* kDeviceName = "Quorel Dastrame";
 
 // The level queries answer at most this many level positions.
@@ -63,19 +67,13 @@ void LeitchHost::SendXpointOutputStatus(char* text) {
 }
 
 void LeitchHost::SendXpointLevelPreset(char* text) {
-    // One hex digit per level, to the end of the message. A character that is
-    // not a digit repeats the previous level; in first place it asks for nothing.
+    // Levels to the end of the message.
     std::vector<int> levels;
     const bool named = !ends_message(*text);
-    bool haveLevel = false;
-    int level = 0;
+    leitch::LevelDigits digits;
     for (char* p = text; !ends_message(*p); ++p) {
-        const int digit = leitch::hex_digit(*p);
-        if (digit >= 0) {
-            level = digit;
-            haveLevel = true;
-        }
-        if (haveLevel) levels.push_back(level);
+        const int l = digits.next(*p);
+        if (l >= 0) levels.push_back(l);
     }
     if (!named) {
         // No level named: every host level number of the mapping, used unchanged
@@ -118,10 +116,16 @@ void LeitchHost::SendFramesSize(char* text) {
     const int highestSource = size->second.first - 1;
     // A level needs two sources but only one destination to be answered.
     if (highestSource < 1 || highestDestination < 0) return;
-    char report[64];
-    std::snprintf(report, sizeof report, "%sF:%X%X,%X/%X,%X", kPrefix, level, highestDestination,
-                  highestSource, highestDestination, highestSource);
-    Send(report);
+    char report[kReportRoom];
+    char* end = write_text(write_text(report, kNewLine), "F:");
+    end = write_hex(write_hex(end, level), highestDestination);
+    *end++ = ',';
+    end = write_hex(end, highestSource);
+    *end++ = '/';
+    end = write_hex(end, highestDestination);
+    *end++ = ',';
+    end = write_hex(end, highestSource);
+    Send({report, static_cast<size_t>(end - report)});
 }
 
 void LeitchHost::SendDeviceInformation(char* text) {
@@ -142,11 +146,12 @@ void LeitchHost::SendDeviceInformation(char* text) {
     if (t != 0) return;
     if (lowest > deviceId || highest < deviceId) return;
 
-    char report[100];
+    char report[kReportRoom];
+    char* end = write_text(report, kNewLine);
     if (kind == 'T') {
-        std::snprintf(report, sizeof report, "%sI!T,%X,%X,0,FFFF,100", kPrefix, deviceId, 0);
+        end = write_text(write_hex(write_text(end, "I!T,"), deviceId), ",0,0,FFFF,100");
     } else if (kind == 'V') {
-        std::snprintf(report, sizeof report, "%sI!V,%X,%X,0,100,0,100", kPrefix, deviceId, 0);
+        end = write_text(write_hex(write_text(end, "I!V,"), deviceId), ",0,0,100,0,100");
     } else if (kind == 'A') {
         // The device name travels as two hex digits per byte; it never changes.
         static const std::string name = [] {
@@ -158,11 +163,12 @@ void LeitchHost::SendDeviceInformation(char* text) {
             }
             return digits;
         }();
-        std::snprintf(report, sizeof report, "%sI!A,%X,%X,%X,%s", kPrefix, deviceId, 0,
-                      static_cast<unsigned>(std::char_traits<char>::length(kDeviceName)),
-                      name.c_str());
+        const int nameLength = static_cast<int>(std::char_traits<char>::length(kDeviceName));
+        end = write_hex(write_text(write_hex(write_text(end, "I!A,"), deviceId), ",0,"), nameLength);
+        *end++ = ',';
+        end = write_text(end, name);
     } else {
         return;
     }
-    Send(report);
+    Send({report, static_cast<size_t>(end - report)});
 }

@@ -2,65 +2,92 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdio>
-#include <cstring>
+#include <cstdint>
 
 namespace leitch {
 
-const HeaderRow statusHeader[19] = {
-    {kReportOn, "@ ?"},       {kReportOff, "@ !"},       {kReset, "@ Z:"},
-    {kLevelStatus, "@ S?"},   {kOutputStatus, "@ X?"},   {kLock, "@ W:"},
-    {kLockDuplicate, "@ W:"}, {kDirectTake, "@ X:"},     {kPresetClear, "@ B:C"},
-    {kPresetExecute, "@ B:E"}, {kPreset, "@ P:"},        {kOutputPreset, "@ P?"},
-    {kLevelPreset, "@ V?"},   {kFrameSize, "@ F?"},      {kDeviceInfo, "@ I?"},
-    {kQueryQ, "@ Q?"},        {kQueryM, "@ M?"},         {kTimeSet, "@ T,"},
-    {kUnknown, "  "},
+namespace {
+
+constexpr int kHeaderRows = sizeof statusHeader / sizeof statusHeader[0] - 1;  // without the end row
+
+constexpr size_t header_length(const HeaderRow& row) {
+    size_t n = 0;
+    while (n < 10 && row.text[n] != '\0') ++n;  // a header counts at most 10 characters
+    return n;
+}
+
+constexpr bool every_header_starts_with_at_blank_and_one_more() {
+    for (int i = 0; i < kHeaderRows; ++i) {
+        const HeaderRow& row = statusHeader[i];
+        if (row.text[0] != '@' || row.text[1] != ' ' || header_length(row) < 3) return false;
+    }
+    return statusHeader[kHeaderRows].code == kUnknown;
+}
+static_assert(every_header_starts_with_at_blank_and_one_more(),
+              "classification looks rows up by the character after \"@ \"");
+
+// The rows of statusHeader whose third character is c, in table order, so a
+// command is compared only with the headers it can start with.
+struct HeaderIndex {
+    unsigned char first[256] = {};  // index into rows of the first candidate
+    unsigned char count[256] = {};  // how many candidates follow in rows
+    unsigned char rows[kHeaderRows] = {};
 };
+
+constexpr HeaderIndex index_headers() {
+    HeaderIndex index;
+    int next = 0;
+    for (int c = 0; c < 256; ++c) {
+        index.first[c] = static_cast<unsigned char>(next);
+        for (int i = 0; i < kHeaderRows; ++i) {
+            if (static_cast<unsigned char>(statusHeader[i].text[2]) != c) continue;
+            index.rows[next++] = static_cast<unsigned char>(i);
+            ++index.count[c];
+        }
+    }
+    return index;
+}
+
+constexpr HeaderIndex kHeaderIndex = index_headers();
+
+}  // namespace
 
 int msg_switcher(char** text) {
     const char* const command = *text;
-    for (const HeaderRow* row = statusHeader; row->code != kUnknown; ++row) {
-        // A header matches when all of its characters (at most 10) begin the
-        // command. The comparison stops at the first difference, so it never
-        // reads past the NUL of a shorter command.
-        size_t n = 0;
-        while (n < 10 && row->text[n] != '\0' && row->text[n] == command[n]) ++n;
-        if (n < 10 && row->text[n] != '\0') continue;
+    if (command[0] != '@' || command[1] != ' ') return kUnknown;
+    const unsigned char third = static_cast<unsigned char>(command[2]);
+    const unsigned char* row = kHeaderIndex.rows + kHeaderIndex.first[third];
+    for (const unsigned char* end = row + kHeaderIndex.count[third]; row != end; ++row) {
+        // All of the header's characters must begin the command. The comparison
+        // stops at the first difference, so it never reads past the NUL of a
+        // shorter command.
+        const HeaderRow& header = statusHeader[*row];
+        size_t n = 3;
+        while (n < 10 && header.text[n] != '\0' && header.text[n] == command[n]) ++n;
+        if (n < 10 && header.text[n] != '\0') continue;
         *text += n;
-        return row->code;
+        return header.code;
     }
     return kUnknown;
 }
 
 int find_len(const char* p, char terminator) {
-    const unsigned char t = static_cast<unsigned char>(terminator);
     int n = 0;
-    for (;; ++n) {
-        const unsigned char c = static_cast<unsigned char>(p[n]);
-        if (c == t || c == '\0' || c == '\n' || c == '\r') return n;
-    }
+    while (p[n] != terminator && !ends_message(p[n])) ++n;
+    return n;
 }
 
 namespace {
 
-constexpr int kScratchChars = 31;
+// Only this many characters of a field take part in its conversion.
+constexpr int kConvertedChars = 31;
 
-// Copy at most `width` characters (and at most the scratch's 31) of p,
-// stopping at a NUL, and convert them.
+// Converts the first `width` characters of p (at most 31; fewer at a NUL) as
+// "%X" or "%d" would; those two are the only formats the handlers use.
 bool convert(const char* p, int width, const char* format, void* out) {
-    char scratch[kScratchChars + 1];
-    int n = 0;
-    const int limit = width < kScratchChars ? width : kScratchChars;
-    while (n < limit && p[n] != '\0') {
-        scratch[n] = p[n];
-        ++n;
-    }
-    scratch[n] = '\0';
-    // The two conversions the handlers use are done here, exactly as scanf
-    // does them; anything else goes to scanf itself.
-    if (std::strcmp(format, "%X") == 0) return scan_hex(scratch, static_cast<int*>(out));
-    if (std::strcmp(format, "%d") == 0) return scan_decimal(scratch, static_cast<int*>(out));
-    return std::sscanf(scratch, format, out) == 1;
+    const size_t length = static_cast<size_t>(width < 0 ? 0 : std::min(width, kConvertedChars));
+    int* const value = static_cast<int*>(out);
+    return format[1] == 'd' ? scan_decimal(p, length, value) : scan_hex(p, length, value);
 }
 
 }  // namespace
@@ -81,12 +108,7 @@ bool read_field(const char* p, const char* format, int* out, char terminator) {
     // Only the first 31 characters take part in the conversion, so the field
     // needs measuring only that far.
     int width = 0;
-    const unsigned char t = static_cast<unsigned char>(terminator);
-    while (width < kScratchChars) {
-        const unsigned char c = static_cast<unsigned char>(p[width]);
-        if (c == t || c == '\0' || c == '\n' || c == '\r') break;
-        ++width;
-    }
+    while (width < kConvertedChars && p[width] != terminator && !ends_message(p[width])) ++width;
     return convert(p, width, format, out);
 }
 
@@ -95,39 +117,46 @@ char* move_next(char* p) {
     return p;
 }
 
-int hex_digit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
 
 namespace {
 
 // White space as the C locale's isspace() knows it.
-const char* skip_space(const char* p) {
-    while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
-    return p;
-}
+bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 }  // namespace
 
-bool scan_hex(const char* p, int* out) {
-    p = skip_space(p);
+bool scan_hex(const char* p, size_t length, int* out) {
+    // Characters at and after `length` read as the end of the text, as a NUL does.
+    const auto at = [p, length](size_t i) { return i < length ? p[i] : '\0'; };
+    // Most fields are a few digits and nothing else: up to eight digits cannot
+    // overflow, and without a leading "0x" there is nothing else to look at.
+    if (hex_digit(at(0)) >= 0 && !(at(0) == '0' && (at(1) == 'x' || at(1) == 'X'))) {
+        unsigned value = 0;
+        size_t n = 0;
+        for (int digit; n < 8 && (digit = hex_digit(at(n))) >= 0; ++n) {
+            value = value * 16 + static_cast<unsigned>(digit);
+        }
+        if (hex_digit(at(n)) < 0) {
+            *out = static_cast<int>(value);
+            return true;
+        }
+    }
+    size_t i = 0;
+    while (is_space(at(i))) ++i;
     bool negative = false;
-    if (*p == '+' || *p == '-') negative = *p++ == '-';
+    if (at(i) == '+' || at(i) == '-') negative = at(i++) == '-';
     // "0x" may lead the digits; the "0" alone is a number already, so "0x"
     // with no digit after it reads as 0.
     bool digits = false;
-    if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
+    if (at(i) == '0' && (at(i + 1) == 'x' || at(i + 1) == 'X')) {
         digits = true;
-        p += 2;
+        i += 2;
     }
     // scanf converts through strtoul: the magnitude saturates at the range of
     // unsigned long, a sign negates it, and the result is narrowed to unsigned.
     unsigned long magnitude = 0;
     bool overflow = false;
-    for (int digit; (digit = hex_digit(*p)) >= 0; ++p) {
+    for (int digit; (digit = hex_digit(at(i))) >= 0; ++i) {
         digits = true;
         if (magnitude > (ULONG_MAX - static_cast<unsigned long>(digit)) / 16) overflow = true;
         magnitude = magnitude * 16 + static_cast<unsigned long>(digit);
@@ -139,19 +168,21 @@ bool scan_hex(const char* p, int* out) {
     return true;
 }
 
-bool scan_decimal(const char* p, int* out) {
-    p = skip_space(p);
+bool scan_decimal(const char* p, size_t length, int* out) {
+    const auto at = [p, length](size_t i) { return i < length ? p[i] : '\0'; };
+    size_t i = 0;
+    while (is_space(at(i))) ++i;
     bool negative = false;
-    if (*p == '+' || *p == '-') negative = *p++ == '-';
-    if (*p < '0' || *p > '9') return false;
+    if (at(i) == '+' || at(i) == '-') negative = at(i++) == '-';
+    if (at(i) < '0' || at(i) > '9') return false;
     // scanf converts through strtol: the magnitude saturates at the range of
     // long, and the result is then narrowed to int.
     unsigned long magnitude = 0;
     bool overflow = false;
     const unsigned long limit = negative ? static_cast<unsigned long>(LONG_MAX) + 1
                                          : static_cast<unsigned long>(LONG_MAX);
-    for (; *p >= '0' && *p <= '9'; ++p) {
-        const unsigned digit = static_cast<unsigned>(*p - '0');
+    for (; at(i) >= '0' && at(i) <= '9'; ++i) {
+        const unsigned digit = static_cast<unsigned>(at(i) - '0');
         if (overflow || magnitude > (limit - digit) / 10) {
             overflow = true;
             continue;
@@ -171,6 +202,10 @@ bool scan_decimal(const char* p, int* out) {
     *out = static_cast<int>(static_cast<unsigned long>(value));
     return true;
 }
+
+bool scan_hex(const char* p, int* out) { return scan_hex(p, SIZE_MAX, out); }
+
+bool scan_decimal(const char* p, int* out) { return scan_decimal(p, SIZE_MAX, out); }
 
 void FieldEnds::begin_line(const char* line) {
     line_ = line;
@@ -199,14 +234,15 @@ FieldEnds::Scan* FieldEnds::scan_for(char terminator) {
     return scan;
 }
 
-int FieldEnds::find_len(const char* p, char terminator) {
-    // Most fields end within a few characters: those are measured directly.
-    constexpr int kNear = 32;
-    const unsigned char t = static_cast<unsigned char>(terminator);
-    for (int n = 0; n < kNear; ++n) {
-        const unsigned char c = static_cast<unsigned char>(p[n]);
-        if (c == t || c == '\0' || c == '\n' || c == '\r') return n;
+char FieldEnds::nearer(const char* p, char first, char second) {
+    for (int n = 0; n < kNear && !ends_message(p[n]); ++n) {
+        if (p[n] == first) return first;
+        if (p[n] == second) return second;
     }
+    return find_len(p, first) < find_len(p, second) ? first : second;
+}
+
+int FieldEnds::find_far(const char* p, char terminator) {
     Scan* const scan = scan_for(terminator);
     if (!scan) return kNear + leitch::find_len(p + kNear, terminator);
     // Every field end of the line before `next` is in `ends`. Scan on until

@@ -2,7 +2,8 @@
 # The whole test suite on a fresh Debian machine: installs what is missing,
 # then builds and runs every test twice, in the normal build and under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and fuzzes the plug-in for a
-# bounded time (LEITCH_FUZZ_SECONDS, 120 unless set). Any finding fails the run.
+# bounded time (LEITCH_FUZZ_SECONDS, 120 unless set). Any finding fails the run,
+# and so does any compiler warning (LEITCH_WARNINGS_AS_ERRORS).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,13 +12,13 @@ scripts/install-deps.sh
 jobs=$(nproc)
 for preset in default sanitize; do
   echo "=== $preset build"
-  cmake --preset "$preset"
+  cmake --preset "$preset" -DLEITCH_WARNINGS_AS_ERRORS=ON
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$jobs"
 done
 
 echo "=== fuzz build"
-cmake --preset fuzz
+cmake --preset fuzz -DLEITCH_WARNINGS_AS_ERRORS=ON
 cmake --build --preset fuzz -j "$jobs"
 
 # New inputs go to the working corpus; the transcript seeds and the saved

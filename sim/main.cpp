@@ -13,7 +13,7 @@
 
 #include "sim/config.h"
 #include "sim/log.h"
-#include "sim/plugin_library.h"
+#include "host/plugin_library.h"
 #include "sim/server.h"
 
 namespace {
@@ -81,7 +81,7 @@ int main(int argc, char** argv) {
         if (!plugin_path.empty()) config.plugin_path = plugin_path;
         if (config.plugin_path.empty()) config.plugin_path = default_plugin_path();
 
-        auto plugin = routerd::PluginLibrary::load(config.plugin_path);
+        auto plugin = plugin_host::PluginLibrary::load(config.plugin_path);
         routerd::Server server(config, plugin, log);
         plugin.reset();  // the sessions' context holds the library from here on
 
@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
         return 0;
     } catch (const routerd::ConfigError& e) {
         std::cerr << "leitch-routerd: configuration error: " << e.what() << '\n';
-    } catch (const routerd::PluginError& e) {
+    } catch (const plugin_host::PluginError& e) {
         std::cerr << "leitch-routerd: " << e.what() << '\n';
     } catch (const routerd::ListenError& e) {
         std::cerr << "leitch-routerd: " << e.what() << '\n';

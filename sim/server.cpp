@@ -55,7 +55,7 @@ std::string signal_name(int signal) {
 // left alone for this long instead of failing again at once, in a loop.
 constexpr std::chrono::seconds kAcceptPause{1};
 
-Server::Server(const SimulatorConfig& config, std::shared_ptr<const PluginLibrary> plugin, const Log& log)
+Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host::PluginLibrary> plugin, const Log& log)
     : log_(log),
       refusals_(log),
       router_(build_router(config)),

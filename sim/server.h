@@ -10,7 +10,7 @@
 
 #include "sim/config.h"
 #include "sim/log.h"
-#include "sim/plugin_library.h"
+#include "host/plugin_library.h"
 #include "sim/router.h"
 #include "sim/session.h"
 #include "sim/session_manager.h"
@@ -31,7 +31,7 @@ public:
 class Server {
 public:
     // Binds the listening socket; throws ListenError.
-    Server(const SimulatorConfig& config, std::shared_ptr<const PluginLibrary> plugin, const Log& log);
+    Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host::PluginLibrary> plugin, const Log& log);
 
     // The address actually bound (the real port when 0 was asked for).
     boost::asio::ip::tcp::endpoint local_endpoint() const { return acceptor_.local_endpoint(); }

@@ -12,7 +12,7 @@
 #include "sim/client_driver.h"
 #include "sim/limits.h"
 #include "sim/log.h"
-#include "sim/plugin_library.h"
+#include "host/plugin_library.h"
 #include "sim/router.h"
 #include "sim/switch_queue.h"
 
@@ -22,7 +22,7 @@ class SessionManager;
 
 // What every session shares.
 struct SessionContext {
-    std::shared_ptr<const PluginLibrary> plugin;
+    std::shared_ptr<const plugin_host::PluginLibrary> plugin;
     std::map<std::string, std::string> converter_config;  // handed to LoadConfig
     Router& router;
     SwitchQueue& switches;
@@ -110,7 +110,7 @@ private:
     const SessionContext& context_;
     Link link_;
     ClientDriver driver_;
-    PluginLibrary::Instance instance_;  // declared after the link and driver it borrows
+    plugin_host::PluginLibrary::Instance instance_;  // declared after the link and driver it borrows
     State state_ = State::introducing;
 
     // Where the introduction has got to: level index, then crosspoints or

@@ -10,7 +10,7 @@ namespace testhost {
 namespace {
 
 TEST(Contract, ExportsCreateAndDestroyUnderPlainNames) {
-    void* handle = PluginLibrary::shared().handle();
+    void* handle = shared_library().handle();
     EXPECT_NE(nullptr, dlsym(handle, "create"));
     EXPECT_NE(nullptr, dlsym(handle, "destroy"));
     // Nothing of the class is visible from outside.
@@ -45,7 +45,7 @@ TEST(Contract, VersionIsZeroPointZeroTwo) {
 }
 
 TEST(Contract, DestroyIgnoresNull) {
-    PluginLibrary::shared().destroy()(nullptr);
+    shared_library().destroy_function()(nullptr);
     SUCCEED();
 }
 

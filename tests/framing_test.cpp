@@ -176,6 +176,75 @@ TEST(Chunking, CrLfInputDiffersOnlyInBarePrompts) {
     }
 }
 
+// The framing rules as written: append, drop white space that something else
+// follows, cut at the first CR or LF, searching the whole buffer every time.
+std::vector<std::string> lines_by_the_rules(const std::vector<std::string>& chunks) {
+    std::string buffer;
+    std::vector<std::string> lines;
+    for (const std::string& chunk : chunks) {
+        buffer += chunk;
+        for (;;) {
+            const size_t text = buffer.find_first_not_of("\t\r\n");
+            if (text != std::string::npos) buffer.erase(0, text);
+            const size_t end = buffer.find_first_of("\r\n");
+            if (end == std::string::npos) break;
+            lines.push_back(buffer.substr(0, end));
+            buffer.erase(0, end + 1);
+        }
+    }
+    return lines;
+}
+
+// Each line in a chunk of its own, CR-terminated: the instance decodes exactly these lines.
+std::vector<std::string> one_chunk_per_line(const std::vector<std::string>& lines) {
+    std::vector<std::string> chunks;
+    for (const std::string& line : lines) chunks.push_back(line + "\r");
+    return chunks;
+}
+
+// Unterminated tails in every state the buffer can be left in between chunks:
+// text, TABs only, TABs before text, half a CR LF, TABs and terminators alone,
+// a NUL inside a line; report mode on, so every line comes back as its echo.
+const std::string kTailInput = std::string(
+    "@ ?\r@ X:0/5,3\t\t\r\t\t\t@ Q?\r\n\t\t\t\r\t\t\n\r\n\t@ S?0\r\n\n\t\t@ P:01/A,1F\0x\r\t"
+    "@ W:0/5,2,2;@ I?T\r\r\t\t\t\t\r\n@ V?\r\t\t", 92);
+
+TEST(Chunking, TailsLeftAtEverySplitPointAreDecodedAsTheRulesCutThem) {
+    const EventLog whole = feed({kTailInput});
+    ASSERT_GT(whole.size(), 20u);
+    for (size_t cut = 0; cut <= kTailInput.size(); ++cut) {
+        const std::vector<std::string> chunks{kTailInput.substr(0, cut), kTailInput.substr(cut)};
+        EXPECT_EQ(feed(one_chunk_per_line(lines_by_the_rules(chunks))), feed(chunks)) << "cut at " << cut;
+    }
+}
+
+TEST(Chunking, TailsLeftInChunksOfEverySizeAreDecodedAsTheRulesCutThem) {
+    for (size_t size = 1; size <= 8; ++size) {
+        std::vector<std::string> chunks;
+        for (size_t at = 0; at < kTailInput.size(); at += size) chunks.push_back(kTailInput.substr(at, size));
+        EXPECT_EQ(feed(one_chunk_per_line(lines_by_the_rules(chunks))), feed(chunks)) << "chunks of " << size;
+    }
+}
+
+TEST_F(Framing, LineOfTabsInManyChunksIsOneLineOnceTerminated) {
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ("", sent("\t\t\t"));
+    EXPECT_EQ(std::string(3000, '\t') + "\r\n>", sent("\r"));
+}
+
+TEST_F(Framing, TabsInManyChunksAreDroppedWhenTextFollows) {
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ("", sent("\t\t\t"));
+    EXPECT_EQ("", sent("@ Q"));
+    EXPECT_EQ("@ Q?\r\n>", sent("?\r"));
+}
+
+TEST_F(Framing, LongLineInManyChunksIsOneLine) {
+    const std::string chunk(64, 'x');
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ("", sent(chunk));
+    std::string expected;
+    for (int i = 0; i < 1000; ++i) expected += chunk;
+    EXPECT_EQ(expected + "\r\n>", sent("\r"));
+}
+
 TEST(Chunking, CrLfByteByByteAnswersEveryLfWithABarePrompt) {
     std::vector<std::string> bytes;
     for (const char c : std::string("@ Q?\r\n@ Q?\r\n")) bytes.emplace_back(1, c);

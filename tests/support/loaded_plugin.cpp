@@ -2,37 +2,30 @@
 
 namespace testhost {
 
-void RecordingDriver::TakePresets() {
-    log_.push_back("call TakePresets");
-    if (!routerTarget) return;
-    // A router switches the whole queue, then reports each crosspoint.
-    std::vector<Queued> switched;
-    switched.swap(queue_);
-    for (const Queued& q : switched) routerTarget->Crosspoint(q.level, q.source, q.destination);
+const PluginLibrary& shared_library() {
+    static const std::shared_ptr<PluginLibrary> library = PluginLibrary::load(LEITCH_PLUGIN_PATH);
+    return *library;
 }
 
-void RecordingDriver::ClearPresets() {
-    log_.push_back("call ClearPresets");
-    queue_.clear();
+void RecordingDriver::record(Operation operation, int a, int b, int c) {
+    const auto args = [&](std::initializer_list<int> values) {
+        std::string text;
+        for (const int v : values) text += " " + std::to_string(v);
+        return text;
+    };
+    switch (operation) {
+        case Operation::kTakePresets: log_.push_back("call TakePresets"); break;
+        case Operation::kClearPresets: log_.push_back("call ClearPresets"); break;
+        case Operation::kPresetCrosspoint:
+            log_.push_back("call PresetCrosspoint" + args({a, b, c}));
+            break;
+        case Operation::kLockCrosspoint:
+            log_.push_back("call LockCrosspoint" + args({a, b, c}));
+            break;
+    }
 }
 
-void RecordingDriver::PresetCrosspoint(int level, int source, int destination) {
-    log_.push_back("call PresetCrosspoint " + std::to_string(level) + " " + std::to_string(source) +
-                   " " + std::to_string(destination));
-    queue_.push_back({level, source, destination});
-}
-
-void RecordingDriver::LockCrosspoint(int level, int destination, int state) {
-    log_.push_back("call LockCrosspoint " + std::to_string(level) + " " +
-                   std::to_string(destination) + " " + std::to_string(state));
-    if (routerTarget) routerTarget->CrosspointLock(level, destination, state);
-}
-
-Session::Session()
-    : link_(log),
-      driver_(log),
-      instance_(PluginLibrary::shared().create()(&link_),
-                InstanceDeleter{PluginLibrary::shared().destroy()}) {
+Session::Session() : link_(log), driver_(log), instance_(shared_library().create(link_)) {
     instance_->SetCommandDriver(&driver_);
 }
 
