@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <thread>
@@ -72,6 +73,13 @@ constexpr Bounds kBuiltin{kLatencyBoundMs, 64 * 1024, 8 * 1024, 64 * 1024};
 // one client (a whole level status) is about 20 KiB.
 constexpr Bounds kLarge{kLargeLatencyBoundMs, 256 * 1024, 32 * 1024, 64 * 1024};
 
+// The simulator under test: this build's, or another one named in
+// LEITCH_ATTACK_ROUTERD (to run the suite against a saved binary).
+std::string routerd_path() {
+    const char* other = std::getenv("LEITCH_ATTACK_ROUTERD");
+    return other && *other ? other : LEITCH_ROUTERD_PATH;
+}
+
 std::string server_keys(const std::string& extra = "") { return "max_clients = 24\n" + extra; }
 
 // A simulator with a configuration file of its own.
@@ -79,7 +87,7 @@ struct Simulator {
     Simulator(const Router& router, const std::string& keys = server_keys(),
               attack::LogReader log_reader = attack::LogReader::reads)
         : config("routerd.toml", attack::router_config(router, keys)),
-          server(attack::ServerOptions{LEITCH_ROUTERD_PATH, {"--config", config.path()}, log_reader, 0}) {}
+          server(attack::ServerOptions{routerd_path(), {"--config", config.path()}, log_reader, 0}) {}
     simtest::TempFile config;
     Server server;
 };
@@ -215,15 +223,20 @@ TEST(RouterdUnderAttack, ConnectionChurnOnTheLargeRouterKeepsReportsPrompt) {
     expect_reading_clients_served(result, kLarge.p99_ms);
     expect_memory_bounded_and_returned(simulator.server, result, kLarge);
     EXPECT_GE(result.hostile_connections, 100u);
-    // Nothing but one line per connection opened and one per connection closed.
-    EXPECT_LE(result.log_lines, 2 * result.hostile_connections + 20);
+    // Nothing but the lines of each connection: opened, the plug-in
+    // instance's own line, closed.
+    EXPECT_LE(result.log_lines, 3 * result.hostile_connections + 20);
 }
 
 TEST(RouterdUnderAttack, ALineLongerThanTheLimitDisconnectsOnlyThatClient) {
     Simulator simulator(attack::builtin_router());
     const RunResult result = attack_for(simulator.server, attack::builtin_router(), AttackKind::overlong_line);
-    expect_withstood(simulator.server, result, kBuiltin);
+    expect_reading_clients_served(result, kBuiltin.p99_ms);
+    expect_memory_bounded_and_returned(simulator.server, result, kBuiltin);
     EXPECT_GE(result.hostiles_closed_by_server, static_cast<std::size_t>(kHostiles));
+    // Every closed flooder connects again: the lines of each connection
+    // (opened, the plug-in instance's own line, closed), nothing more.
+    EXPECT_LE(result.log_lines, 3 * result.hostile_connections + 20);
     EXPECT_TRUE(simulator.server.log_contains(") disconnected: more than 1024 bytes received without a line end\n"));
 }
 
@@ -237,7 +250,9 @@ TEST(RouterdUnderAttack, AReadingClientIsNeverDisconnectedByItsOwnLargeAnswers) 
     const std::string answer = client.read_count(kPrompt, 4, 30s);
     EXPECT_EQ(simtest::occurrences(answer, kPrompt), 4u);
     EXPECT_EQ(simtest::occurrences(answer, "\r\nS:0"), 4u * 16 * 1152);
-    EXPECT_EQ(answer.substr(answer.size() - 24), "\r\nS:047E,0\r\nS:047F,0" + kPrompt);
+    const std::string last_reports = "\r\nS:047E,0\r\nS:047F,0" + kPrompt;
+    ASSERT_GE(answer.size(), last_reports.size());
+    EXPECT_EQ(answer.substr(answer.size() - last_reports.size()), last_reports);
     expect_served(simulator.server.port());
 }
 
@@ -310,14 +325,14 @@ TEST(RouterdOpenFileLimit, AcceptFailingForWantOfFilesIsLoggedOnceAndDoesNotSpin
     waiting.clear();
     ASSERT_TRUE(server.set_open_file_limit(static_cast<long>(old.rlim_cur)));
     expect_served(server.port());
-    EXPECT_TRUE(server.log_contains("accepting clients again\n")) << server.log();
+    EXPECT_TRUE(server.log_contains("accepting clients again")) << server.log();
     EXPECT_FALSE(reader.disconnected());
 }
 
 // ----------------------------------------------------- --config paths
 
 void expect_not_a_regular_file(const std::string& path) {
-    const attack::ExitResult result = attack::run_to_end(LEITCH_ROUTERD_PATH, {"--config", path}, 5s);
+    const attack::ExitResult result = attack::run_to_end(routerd_path(), {"--config", path, "--listen", "127.0.0.1:0"}, 5s);
     EXPECT_FALSE(result.timed_out) << "leitch-routerd hung on --config " << path;
     EXPECT_EQ(result.code, 2);
     EXPECT_NE(result.errors.find("leitch-routerd: configuration error: " + path + ": not a regular file"),
@@ -343,7 +358,7 @@ TEST(RouterdConfigPath, AFifoIsRefusedWithoutHanging) {
 }
 
 TEST(RouterdConfigPath, AnEmptyPathIsRefused) {
-    const attack::ExitResult result = attack::run_to_end(LEITCH_ROUTERD_PATH, {"--config", ""}, 5s);
+    const attack::ExitResult result = attack::run_to_end(routerd_path(), {"--config", "", "--listen", "127.0.0.1:0"}, 5s);
     EXPECT_EQ(result.code, 2);
     EXPECT_NE(result.errors.find("configuration error"), std::string::npos) << result.errors;
     EXPECT_NE(result.errors.find("empty"), std::string::npos) << result.errors;
@@ -357,7 +372,7 @@ TEST(RouterdStartupLimits, ALevelTooLargeForTheLineLimitIsRefused) {
                                    "number = 0\n"
                                    "sources = 16\n"
                                    "destinations = 65536\n");
-    const attack::ExitResult result = attack::run_to_end(LEITCH_ROUTERD_PATH, {"--config", config.path()}, 10s);
+    const attack::ExitResult result = attack::run_to_end(routerd_path(), {"--config", config.path(), "--listen", "127.0.0.1:0"}, 10s);
     EXPECT_EQ(result.code, 2);
     EXPECT_NE(result.errors.find("key 'level[0].destinations': at most"), std::string::npos) << result.errors;
 }
@@ -365,7 +380,7 @@ TEST(RouterdStartupLimits, ALevelTooLargeForTheLineLimitIsRefused) {
 TEST(RouterdStartupLimits, MaxClientsAboveTheOpenFileLimitIsRefused) {
     const simtest::TempFile config("routerd.toml", "[server]\nmax_clients = 200\n");
     const attack::ExitResult result =
-        attack::run_to_end(LEITCH_ROUTERD_PATH, {"--config", config.path(), "--listen", "127.0.0.1:0"}, 10s, 64);
+        attack::run_to_end(routerd_path(), {"--config", config.path(), "--listen", "127.0.0.1:0"}, 10s, 64);
     EXPECT_EQ(result.code, 2);
     EXPECT_NE(result.errors.find("key 'server.max_clients': at most"), std::string::npos) << result.errors;
 }
