@@ -1,5 +1,6 @@
 #include "sim/log.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <unistd.h>
@@ -29,7 +30,38 @@ std::string time_stamp() {
 
 }  // namespace
 
+bool Log::capture_standard_error() {
+    int pipe_fds[2];
+    if (::pipe2(pipe_fds, O_NONBLOCK | O_CLOEXEC) != 0) return false;
+    const int real = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (real < 0 || ::dup2(pipe_fds[1], STDERR_FILENO) < 0) {
+        if (real >= 0) ::close(real);
+        ::close(pipe_fds[0]);
+        ::close(pipe_fds[1]);
+        return false;
+    }
+    ::close(pipe_fds[1]);
+    fd_ = real;
+    captured_fd_ = pipe_fds[0];
+    return true;
+}
+
+Log::~Log() {
+    if (captured_fd_ < 0) return;
+    flush();
+    // Whatever is written from now on goes to the real standard error again.
+    ::dup2(fd_, STDERR_FILENO);
+    ::close(captured_fd_);
+    ::close(fd_);
+}
+
 void Log::info(std::string_view message) const {
+    take_in_captured();
+    append_line(message);
+    flush();
+}
+
+void Log::append_line(std::string_view message) const {
     if (waiting_bytes() + message.size() > kMaxWaitingBytes) {
         ++dropped_lines_;
         return;
@@ -37,10 +69,27 @@ void Log::info(std::string_view message) const {
     waiting_ += time_stamp();
     waiting_.append(message.data(), message.size());
     waiting_ += '\n';
-    flush();
+}
+
+void Log::take_in_captured() const {
+    if (captured_fd_ < 0) return;
+    char chunk[4096];
+    for (;;) {
+        const ssize_t n = ::read(captured_fd_, chunk, sizeof chunk);
+        if (n <= 0) return;  // EAGAIN: nothing more for now
+        for (ssize_t i = 0; i < n; ++i) {
+            if (chunk[i] != '\n') {
+                if (captured_line_.size() < 4096) captured_line_ += chunk[i];
+                continue;
+            }
+            append_line(captured_line_);
+            captured_line_.clear();
+        }
+    }
 }
 
 void Log::flush() const {
+    take_in_captured();
     while (written_ < waiting_.size()) {
         // A pipe or terminal that says it is writable takes at least PIPE_BUF
         // bytes without blocking; a file always does.

@@ -20,7 +20,17 @@ namespace routerd {
 // (EPIPE) only loses the lines.
 class Log {
 public:
-    explicit Log(bool verbose = false, int fd = 2) : verbose_(verbose), fd_(fd) {}
+    explicit Log(bool verbose = false) : verbose_(verbose) {}
+    ~Log();
+    Log(const Log&) = delete;
+    Log& operator=(const Log&) = delete;
+
+    // Makes standard error (descriptor 2) a non-blocking pipe of the log's
+    // own, so that whatever writes there directly (the plug-in writes its line
+    // with std::cerr) can never block the simulator; the log forwards it,
+    // time-stamped, to the real standard error. Returns false, leaving
+    // everything as it was, when the pipe cannot be made.
+    bool capture_standard_error();
 
     void info(std::string_view message) const;
     void activity(std::string_view message) const {
@@ -28,7 +38,8 @@ public:
     }
     bool verbose() const { return verbose_; }
 
-    // Writes what waits, as far as the stream takes it without blocking.
+    // Takes in what was written to the captured standard error, then writes
+    // what waits, as far as the stream takes it without blocking.
     void flush() const;
     std::size_t waiting_bytes() const { return waiting_.size() - written_; }
 
@@ -36,9 +47,13 @@ public:
 
 private:
     void forget_waiting() const;
+    void take_in_captured() const;
+    void append_line(std::string_view message) const;
 
     bool verbose_;
-    int fd_;
+    int fd_ = 2;            // where the lines go
+    int captured_fd_ = -1;  // the read end of the pipe that is standard error now
+    mutable std::string captured_line_;  // an unfinished line written to the captured stream
     // The log is not the simulator's state: writing it is allowed from const code.
     mutable std::string waiting_;
     mutable std::size_t written_ = 0;  // bytes of waiting_ already written

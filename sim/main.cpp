@@ -73,7 +73,7 @@ int main(int argc, char** argv) {
 
     ignore_signals_about_the_log();
     raise_open_file_limit();
-    const routerd::Log log(verbose);
+    routerd::Log log(verbose);
     try {
         routerd::SimulatorConfig config =
             app.count("--config") == 0 ? routerd::builtin_config() : routerd::load_config(config_path);
@@ -87,6 +87,7 @@ int main(int argc, char** argv) {
 
         log.info("router from " + config.origin + ": " + std::to_string(config.levels.size()) +
                  " level(s); plug-in " + config.plugin_path);
+        log.capture_standard_error();
         // Scripts and tests wait for this line; it is the only one on standard output.
         std::printf("listening on %s\n", format_endpoint(server.local_endpoint()).c_str());
         std::fflush(stdout);

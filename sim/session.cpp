@@ -1,5 +1,6 @@
 #include "sim/session.h"
 
+#include <algorithm>
 #include <new>
 
 #include <boost/asio/post.hpp>
@@ -17,8 +18,8 @@ namespace {
 // costs the other clients no more than a slice of input does.
 constexpr int kIntroductionBatch = 2048;
 
-// An outbox that grew beyond this during a burst is given back once written.
-constexpr std::size_t kKeptOutboxCapacity = 64 * 1024;
+// Output that grew beyond this during a burst leaves freed memory to give back.
+constexpr std::size_t kBurstBytes = 64 * 1024;
 
 // Thrown out of SendData to stop an instance in the middle of an answer that
 // no reading client could need (its own tables bloated by look-ups far beyond
@@ -63,6 +64,7 @@ void Session::start() {
     socket_.non_blocking(true, ignored);
 
     instance_ = context_.plugin->create(link_);
+    context_.log.flush();  // the plug-in's own line, in its place
     instance_->SetCommandDriver(&driver_);
     instance_->LoadConfig(context_.converter_config);
     std::list<LevelDesc> levels;
@@ -117,7 +119,7 @@ void Session::stop(const std::string& reason) {
     boost::system::error_code ignored;
     socket_.shutdown(tcp::socket::shutdown_both, ignored);
     socket_.close(ignored);
-    std::string().swap(outbox_);
+    output_.clear();
     context_.log.info("client " + std::to_string(id_) + " (" + peer_ + ") disconnected: " + reason);
     context_.manager.leave(shared_from_this());
 }
@@ -136,7 +138,8 @@ void Session::lock_changed(int level, int destination, int state) {
 void Session::send(const std::string& data) {
     if (state_ == State::dropping || state_ == State::stopped) return;
     if (waiting() == 0) progress_at_ = Clock::now();
-    outbox_ += data;
+    output_.append(data);
+    if (context_.log.verbose()) activity_sent_ += data;
     if (in_input_ && waiting() > context_.output_bound) throw OutputOverflow();
     // Output caused by a router change is written once the frame is told, so
     // that all of it leaves together.
@@ -152,12 +155,13 @@ void Session::flush() {
     if (awaiting_writable_ || waiting() == 0) return;
     if (context_.log.verbose()) log_sent();
 
+    most_waiting_ = std::max(most_waiting_, waiting());
     boost::system::error_code ec;
-    const std::size_t taken = socket_.write_some(asio::buffer(outbox_.data() + written_, waiting()), ec);
+    const std::size_t taken = socket_.write_some(output_.front_buffers(), ec);
     if (ec && ec != asio::error::would_block) return stop("write failed: " + ec.message());
     const Clock::time_point now = Clock::now();
     if (taken > 0) {
-        written_ += taken;
+        output_.consume(taken);
         progress_at_ = now;
     }
     if (waiting() == 0) return took_everything();
@@ -188,15 +192,9 @@ void Session::on_writable(const boost::system::error_code& ec) {
 }
 
 void Session::took_everything() {
-    written_ = 0;
-    logged_ = 0;
     above_mark_ = false;
-    if (outbox_.capacity() > kKeptOutboxCapacity) {
-        std::string().swap(outbox_);
-        context_.manager.memory_released();
-    } else {
-        outbox_.clear();
-    }
+    if (most_waiting_ > kBurstBytes) context_.manager.memory_released();
+    most_waiting_ = 0;
     if (state_ == State::draining) return stop("closed by client");
     continue_input();
 }
@@ -317,10 +315,9 @@ void Session::log_received(const char* data, std::size_t length) {
 }
 
 void Session::log_sent() {
-    if (logged_ == outbox_.size()) return;
-    context_.log.activity("client " + std::to_string(id_) + " >> \"" +
-                          escape(std::string_view(outbox_).substr(logged_)) + "\"");
-    logged_ = outbox_.size();
+    if (activity_sent_.empty()) return;
+    context_.log.activity("client " + std::to_string(id_) + " >> \"" + escape(activity_sent_) + "\"");
+    activity_sent_.clear();
 }
 
 // A limit was passed, perhaps in the middle of a call into the instance: stop
@@ -328,8 +325,7 @@ void Session::log_sent() {
 void Session::drop(const std::string& reason) {
     if (state_ == State::dropping || state_ == State::stopped) return;
     state_ = State::dropping;
-    std::string().swap(outbox_);
-    written_ = logged_ = 0;
+    output_.clear();
     asio::post(socket_.get_executor(), [self = shared_from_this(), reason] { self->stop(reason); });
 }
 

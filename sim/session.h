@@ -12,6 +12,7 @@
 #include "sim/client_driver.h"
 #include "sim/limits.h"
 #include "sim/log.h"
+#include "sim/output_queue.h"
 #include "host/plugin_library.h"
 #include "sim/router.h"
 #include "sim/switch_queue.h"
@@ -89,7 +90,7 @@ private:
 
     void introduce_some();
     void send(const std::string& data);
-    std::size_t waiting() const { return outbox_.size() - written_; }
+    std::size_t waiting() const { return output_.size(); }
     void wait_writable();
     void on_writable(const boost::system::error_code& ec);
     void took_everything();
@@ -127,9 +128,9 @@ private:
     std::size_t bytes_since_line_end_ = 0;
     std::string activity_line_;  // the verbose log's unfinished received line
 
-    std::string outbox_;       // sent by the instance; outbox_[written_..] not taken by the socket yet
-    std::size_t written_ = 0;
-    std::size_t logged_ = 0;   // outbox_[..logged_] is in the activity log
+    OutputQueue output_;       // sent by the instance, not taken by the socket yet
+    std::size_t most_waiting_ = 0;  // since the output was last all taken
+    std::string activity_sent_;  // the verbose log's output of this event
     bool awaiting_writable_ = false;
     bool awaiting_flush_ = false;  // listed with the manager for the end of a frame
     bool in_event_ = false;        // the instance is handling input or the introduction: flush afterwards

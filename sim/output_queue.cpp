@@ -1,0 +1,59 @@
+#include "sim/output_queue.h"
+
+#include <algorithm>
+
+namespace routerd {
+
+namespace {
+
+constexpr std::size_t kMaxBuffersPerWrite = 16;
+
+}  // namespace
+
+void OutputQueue::append(std::string_view data) {
+    size_ += data.size();
+    while (!data.empty()) {
+        if (blocks_.empty() || blocks_.back().size() == kBlockBytes) {
+            blocks_.emplace_back();
+            blocks_.back().reserve(kBlockBytes);
+        }
+        std::string& block = blocks_.back();
+        const std::size_t room = std::min(kBlockBytes - block.size(), data.size());
+        block.append(data.data(), room);
+        data.remove_prefix(room);
+    }
+}
+
+const std::vector<boost::asio::const_buffer>& OutputQueue::front_buffers() {
+    buffers_.clear();
+    std::size_t skip = front_taken_;
+    for (const std::string& block : blocks_) {
+        if (buffers_.size() == kMaxBuffersPerWrite) break;
+        buffers_.emplace_back(block.data() + skip, block.size() - skip);
+        skip = 0;
+    }
+    return buffers_;
+}
+
+void OutputQueue::consume(std::size_t bytes) {
+    size_ -= bytes;
+    bytes += front_taken_;
+    while (!blocks_.empty() && bytes >= blocks_.front().size() && bytes > 0) {
+        bytes -= blocks_.front().size();
+        if (blocks_.size() == 1) {
+            blocks_.front().clear();  // kept for the next event
+        } else {
+            blocks_.pop_front();
+        }
+        if (bytes == 0) break;
+    }
+    front_taken_ = blocks_.empty() || blocks_.front().empty() ? 0 : bytes;
+}
+
+void OutputQueue::clear() {
+    std::deque<std::string>().swap(blocks_);
+    front_taken_ = 0;
+    size_ = 0;
+}
+
+}  // namespace routerd

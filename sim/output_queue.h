@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <boost/asio/buffer.hpp>
+
+namespace routerd {
+
+// A client's waiting output, in blocks of a fixed size: its memory follows
+// what is waiting (no doubling and no copy as it grows) and goes back block by
+// block as the socket takes it. One block is kept for the next event, so a
+// client that keeps up allocates nothing.
+class OutputQueue {
+public:
+    static constexpr std::size_t kBlockBytes = 16 * 1024;
+
+    void append(std::string_view data);
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+
+    // The front of the queue as buffers for one gathered write (at most 16).
+    const std::vector<boost::asio::const_buffer>& front_buffers();
+    // Drops the first `bytes`, which the socket has taken.
+    void consume(std::size_t bytes);
+    // Drops everything and gives all blocks back.
+    void clear();
+
+private:
+    std::deque<std::string> blocks_;  // the front block's first front_taken_ bytes are gone
+    std::size_t front_taken_ = 0;
+    std::size_t size_ = 0;
+    std::vector<boost::asio::const_buffer> buffers_;
+};
+
+}  // namespace routerd
