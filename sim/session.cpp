@@ -152,6 +152,7 @@ void Session::send(const std::string& data) {
 void Session::flush() {
     awaiting_flush_ = false;
     if (state_ == State::dropping || state_ == State::stopped) return;
+    if (waiting() > context_.output_bound && awaiting_writable_) return drop_slow_reader();
     if (awaiting_writable_ || waiting() == 0) return;
     if (context_.log.verbose()) log_sent();
 
@@ -169,11 +170,15 @@ void Session::flush() {
     const bool above = waiting() > context_.limits.max_output_bytes;
     if (above && !above_mark_) above_since_ = now;
     above_mark_ = above;
-    if (waiting() > context_.output_bound) {
-        return drop("more than " + with_thousands(context_.output_bound) +
-                    " bytes of output waiting (client reads slower than the router changes)");
-    }
+    if (waiting() > context_.output_bound) return drop_slow_reader();
     wait_writable();
+}
+
+// Measured after the socket has taken what it could: a client that keeps up
+// never has more waiting than one event can produce on top of the mark.
+void Session::drop_slow_reader() {
+    drop("more than " + with_thousands(context_.output_bound) +
+         " bytes of output waiting (client reads slower than the router changes)");
 }
 
 void Session::wait_writable() {

@@ -104,6 +104,7 @@ private:
     void log_received(const char* data, std::size_t length);
     void log_sent();
     void drop(const std::string& reason);
+    void drop_slow_reader();
 
     boost::asio::ip::tcp::socket socket_;
     const int id_;

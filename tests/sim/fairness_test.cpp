@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <regex>
 #include <stdexcept>
@@ -126,6 +127,33 @@ TEST(RouterdBackPressure, TheLargestAnswerReachesAReadingClientWhateverTheMark) 
     const std::string reports = level.substr(0, level.size() - kPrompt.size());
     EXPECT_EQ(client.read_until(kPrompt, 10s), repeat(reports, 16) + kPrompt);
     EXPECT_FALSE(client.closed_by_server(300ms));
+}
+
+// The router's reports to a client that does not read pile up only to the
+// output bound, long before the output timeout (10 s by default) runs out.
+TEST(RouterdBackPressure, AReportModeClientThatDoesNotReadIsDisconnectedAtTheOutputBound) {
+    Routerd routerd;
+    Client sleeper(routerd.port(), 4096), flooder(routerd.port());
+    report_mode(sleeper);
+    // Every take changes a destination of either level: 64 reports a frame.
+    std::string takes;
+    for (int i = 0; i < 200; ++i) {
+        char take[32];
+        std::snprintf(take, sizeof take, "@ X:%X/%X,%X\r", i % 2, (i / 2) % 32, (i / 64) % 32);
+        takes += take;
+    }
+    const std::string packets = repeat(takes, 50);
+    const auto began = std::chrono::steady_clock::now();
+    while (!routerd.log_contains("bytes of output waiting (client reads slower than the router changes)", 0ms) &&
+           std::chrono::steady_clock::now() - began < 8s) {
+        flooder.send(packets);
+        ASSERT_EQ(occurrences(flooder.read_count(kPrompt, 10000), kPrompt), 10000u);
+    }
+    EXPECT_TRUE(routerd.log_contains("client 1 (127.0.0.1:"));
+    EXPECT_TRUE(routerd.log_contains("disconnected: more than 2,041,856 bytes of output waiting (client reads slower "
+                                     "than the router changes)"));
+    EXPECT_TRUE(sleeper.closed_by_server());
+    EXPECT_LT(routerd.resident_kib(), 32 * 1024);
 }
 
 // "@ X?" adds every destination it names to the instance's table, even far
