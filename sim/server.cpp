@@ -59,6 +59,7 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
     : log_(log),
       refusals_(log),
       router_(build_router(config)),
+      sessions_(io_.get_executor()),
       switches_(io_.get_executor(), router_, refusals_, [this] { sessions_.flush_waiting(); }),
       context_{std::move(plugin), config.converter, router_, switches_, sessions_, log_, refusals_,
                config.limits, output_bound(config.limits, config.levels)},

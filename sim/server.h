@@ -53,8 +53,8 @@ private:
     const Log& log_;
     RefusalLog refusals_;
     Router router_;
-    SwitchQueue switches_;
     SessionManager sessions_;
+    SwitchQueue switches_;
     SessionContext context_;
     boost::asio::ip::tcp::acceptor acceptor_;
     boost::asio::signal_set signals_;        // SIGINT, SIGTERM: shut down

@@ -18,6 +18,10 @@ namespace {
 // costs the other clients no more than a slice of input does.
 constexpr int kIntroductionBatch = 2048;
 
+// A slice that kept the converter busy longer than this makes its client wait
+// for its turn among the costly ones (see schedule_slice).
+constexpr std::chrono::milliseconds kCostlySlice{1};
+
 // Output that grew beyond this during a burst leaves freed memory to give back.
 constexpr std::size_t kBurstBytes = 64 * 1024;
 
@@ -244,6 +248,7 @@ void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
     if (context_.log.verbose()) log_received(received_.data(), length);
     input_begin_ = 0;
     input_end_ = length;
+    if (costly_) return schedule_slice();
     feed_slice();
 }
 
@@ -254,12 +259,21 @@ void Session::continue_input() {
     if (state_ != State::open || slice_scheduled_ || reading_) return;
     if (waiting() > context_.limits.max_output_bytes) return;
     if (input_begin_ == input_end_) return do_read();
-    // Other clients' events run before the next slice.
+    schedule_slice();
+}
+
+// Other clients' events run before the next slice. A client whose last slice
+// was costly waits for its turn among the costly ones, one of which runs per
+// round of events: it cannot hold up a client whose commands are cheap.
+void Session::schedule_slice() {
     slice_scheduled_ = true;
-    asio::post(socket_.get_executor(), [self = shared_from_this()] {
-        self->slice_scheduled_ = false;
-        self->feed_slice();
-    });
+    if (costly_) return context_.manager.queue_costly_slice(shared_from_this());
+    asio::post(socket_.get_executor(), [self = shared_from_this()] { self->run_scheduled_slice(); });
+}
+
+void Session::run_scheduled_slice() {
+    slice_scheduled_ = false;
+    feed_slice();
 }
 
 void Session::feed_slice() {
@@ -268,6 +282,7 @@ void Session::feed_slice() {
     const std::string slice(received_.data() + input_begin_, end - input_begin_);
     input_begin_ = end;
     in_event_ = in_input_ = true;
+    const Clock::time_point began = Clock::now();
     try {
         instance_->ReceiveData(slice, nullptr);
     } catch (const OutputOverflow&) {
@@ -275,6 +290,7 @@ void Session::feed_slice() {
         return drop("more than " + with_thousands(context_.output_bound) +
                     " bytes of output from its own commands in one event");
     }
+    costly_ = Clock::now() - began > kCostlySlice;
     in_event_ = in_input_ = false;
     flush();
     continue_input();
@@ -341,6 +357,23 @@ void SessionManager::flush_waiting() {
     // The vector's storage is reused by the next frame.
     waiting.clear();
     if (awaiting_flush_.empty()) awaiting_flush_.swap(waiting);
+}
+
+void SessionManager::queue_costly_slice(std::shared_ptr<Session> session) {
+    costly_slices_.push_back(std::move(session));
+    if (!costly_slice_posted_) post_costly_slice();
+}
+
+void SessionManager::post_costly_slice() {
+    costly_slice_posted_ = true;
+    asio::post(executor_, [this] {
+        costly_slice_posted_ = false;
+        const std::shared_ptr<Session> session = std::move(costly_slices_.front());
+        costly_slices_.pop_front();
+        // May queue the same session again, at the back.
+        session->run_scheduled_slice();
+        if (!costly_slices_.empty() && !costly_slice_posted_) post_costly_slice();
+    });
 }
 
 void SessionManager::check_outputs(std::chrono::steady_clock::time_point now) {

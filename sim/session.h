@@ -65,6 +65,8 @@ public:
     void flush();
     // Disconnects a client whose output has not moved for the output timeout.
     void check_output(Clock::time_point now);
+    // Hands the slice scheduled by schedule_slice() to the instance.
+    void run_scheduled_slice();
 
 private:
     enum class State {
@@ -98,6 +100,7 @@ private:
     void do_read();
     void on_read(const boost::system::error_code& ec, std::size_t length);
     void continue_input();
+    void schedule_slice();
     void feed_slice();
     std::size_t slice_end() const;
     bool line_too_long(const char* data, std::size_t length);
@@ -126,6 +129,7 @@ private:
     std::size_t input_end_ = 0;
     bool reading_ = false;          // a read is in flight
     bool slice_scheduled_ = false;  // the next slice is posted
+    bool costly_ = false;           // the last slice kept the converter busy (see schedule_slice)
     std::size_t bytes_since_line_end_ = 0;
     std::string activity_line_;  // the verbose log's unfinished received line
 

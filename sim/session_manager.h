@@ -2,9 +2,12 @@
 
 #include <chrono>
 #include <cstddef>
+#include <deque>
 #include <memory>
 #include <set>
 #include <vector>
+
+#include <boost/asio/any_io_executor.hpp>
 
 namespace routerd {
 
@@ -13,6 +16,8 @@ class Session;
 // Owns the live sessions, so that shutdown can stop every one of them.
 class SessionManager {
 public:
+    explicit SessionManager(boost::asio::any_io_executor executor) : executor_(std::move(executor)) {}
+
     void join(const std::shared_ptr<Session>& session) { sessions_.insert(session); }
     void leave(const std::shared_ptr<Session>& session) {
         sessions_.erase(session);
@@ -26,6 +31,10 @@ public:
     void await_flush(std::shared_ptr<Session> session) { awaiting_flush_.push_back(std::move(session)); }
     void flush_waiting();
 
+    // Slices of clients whose last slice was costly run one per round of
+    // events, in turn, whatever else is waiting.
+    void queue_costly_slice(std::shared_ptr<Session> session);
+
     // Disconnects the sessions whose clients do not read.
     void check_outputs(std::chrono::steady_clock::time_point now);
 
@@ -38,7 +47,12 @@ public:
     }
 
 private:
+    void post_costly_slice();
+
+    boost::asio::any_io_executor executor_;
     std::set<std::shared_ptr<Session>> sessions_;
+    std::deque<std::shared_ptr<Session>> costly_slices_;
+    bool costly_slice_posted_ = false;
     std::vector<std::shared_ptr<Session>> awaiting_flush_;
     bool memory_released_ = false;
 };
