@@ -18,9 +18,12 @@ namespace {
 // costs the other clients no more than a slice of input does.
 constexpr int kIntroductionBatch = 2048;
 
-// A slice that kept the converter busy longer than this makes its client wait
-// for its turn among the costly ones (see schedule_slice).
+// A client whose recent slices kept the converter busy longer than this (the
+// last one counting fully, the one before half, and so on) waits for its turn
+// among the costly ones (see schedule_slice).
 constexpr std::chrono::milliseconds kCostlySlice{1};
+
+constexpr int kSocketSendBuffer = 256 * 1024;
 
 // Output that grew beyond this during a burst leaves freed memory to give back.
 constexpr std::size_t kBurstBytes = 64 * 1024;
@@ -66,6 +69,9 @@ void Session::start() {
     socket_.set_option(tcp::no_delay(true), ignored);
     // Writes take what the socket can hold now; the rest waits for writability.
     socket_.non_blocking(true, ignored);
+    // The kernel's share of a client's waiting output is bounded too, so that
+    // a client that does not read is seen as one soon.
+    socket_.set_option(asio::socket_base::send_buffer_size(kSocketSendBuffer), ignored);
 
     instance_ = context_.plugin->create(link_);
     context_.log.flush();  // the plug-in's own line, in its place
@@ -248,7 +254,7 @@ void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
     if (context_.log.verbose()) log_received(received_.data(), length);
     input_begin_ = 0;
     input_end_ = length;
-    if (costly_) return schedule_slice();
+    if (costly()) return schedule_slice();
     feed_slice();
 }
 
@@ -267,9 +273,11 @@ void Session::continue_input() {
 // round of events: it cannot hold up a client whose commands are cheap.
 void Session::schedule_slice() {
     slice_scheduled_ = true;
-    if (costly_) return context_.manager.queue_costly_slice(shared_from_this());
+    if (costly()) return context_.manager.queue_costly_slice(shared_from_this());
     asio::post(socket_.get_executor(), [self = shared_from_this()] { self->run_scheduled_slice(); });
 }
+
+bool Session::costly() const { return recent_cost_ > kCostlySlice; }
 
 void Session::run_scheduled_slice() {
     slice_scheduled_ = false;
@@ -290,7 +298,9 @@ void Session::feed_slice() {
         return drop("more than " + with_thousands(context_.output_bound) +
                     " bytes of output from its own commands in one event");
     }
-    costly_ = Clock::now() - began > kCostlySlice;
+    // A command's cost shows in the slice that ends its line: the slices
+    // before it are cheap. So the cost is remembered over several slices.
+    recent_cost_ = recent_cost_ / 2 + (Clock::now() - began);
     in_event_ = in_input_ = false;
     flush();
     continue_input();

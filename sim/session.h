@@ -129,7 +129,8 @@ private:
     std::size_t input_end_ = 0;
     bool reading_ = false;          // a read is in flight
     bool slice_scheduled_ = false;  // the next slice is posted
-    bool costly_ = false;           // the last slice kept the converter busy (see schedule_slice)
+    Clock::duration recent_cost_{};  // converter time of the recent slices, halved at each slice
+    bool costly() const;
     std::size_t bytes_since_line_end_ = 0;
     std::string activity_line_;  // the verbose log's unfinished received line
 

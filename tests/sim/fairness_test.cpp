@@ -153,7 +153,9 @@ TEST(RouterdBackPressure, AReportModeClientThatDoesNotReadIsDisconnectedAtTheOut
     EXPECT_TRUE(routerd.log_contains("disconnected: more than 2,041,856 bytes of output waiting (client reads slower "
                                      "than the router changes)"));
     EXPECT_TRUE(sleeper.closed_by_server());
+#ifndef __SANITIZE_ADDRESS__  // its shadow memory makes the figure meaningless
     EXPECT_LT(routerd.resident_kib(), 32 * 1024);
+#endif
 }
 
 // "@ X?" adds every destination it names to the instance's table, even far
