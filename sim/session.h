@@ -129,7 +129,10 @@ private:
     std::size_t input_end_ = 0;
     bool reading_ = false;          // a read is in flight
     bool slice_scheduled_ = false;  // the next slice is posted
-    Clock::duration recent_cost_{};  // converter time of the recent slices, halved at each slice
+    // Converter time of the recent slices, halved at each slice. A new client
+    // counts as costly until its first few slices show otherwise, so that
+    // many clients opening with costly commands at once cannot all go first.
+    Clock::duration recent_cost_ = std::chrono::milliseconds(16);
     bool costly() const;
     std::size_t bytes_since_line_end_ = 0;
     std::string activity_line_;  // the verbose log's unfinished received line

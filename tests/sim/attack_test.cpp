@@ -52,12 +52,19 @@ constexpr std::size_t kLineBytes = 1000;
 const std::string kPrompt = "\r\n>";
 
 // The target is a p99 under 50 ms on the built-in router (the benchmark
-// measures it). The test allows ten times that: the sanitizer build is about
-// three times slower and CI machines are shared, and what it must catch are
-// the freezes of a second or more that one hostile line used to cause. The
-// large router's frames carry up to 18,432 changes, hence twice the bound.
+// measures it). The test allows ten times that, as CI machines are shared, and
+// what it must catch are the freezes of a second or more that one hostile line
+// used to cause. The large router's frames carry up to 18,432 changes, and one
+// "@ Z:" line of 1,000 levels there makes 2.3 million driver calls, which no
+// slicing can split: hence twice the bound, and under the sanitizers, which
+// slow those calls down about tenfold, three times more.
+#ifdef LEITCH_UNDER_ASAN
+constexpr double kSanitizerSlowdown = 3;
+#else
+constexpr double kSanitizerSlowdown = 1;
+#endif
 constexpr double kLatencyBoundMs = 500;
-constexpr double kLargeLatencyBoundMs = 1000;
+constexpr double kLargeLatencyBoundMs = 1000 * kSanitizerSlowdown;
 
 struct Bounds {
     double p99_ms;
