@@ -36,6 +36,12 @@ std::size_t output_bound(const Limits& limits, const std::vector<LevelSpec>& lev
     return limits.max_output_bytes + std::max(answer_bytes(largest, limits.max_line_bytes), frame_bytes(total));
 }
 
+std::size_t report_room(const Limits& limits, const std::vector<LevelSpec>& levels) {
+    std::size_t total = 0;
+    for (const LevelSpec& level : levels) total += static_cast<std::size_t>(level.destinations);
+    return std::max(limits.max_output_bytes, frame_bytes(total));
+}
+
 std::size_t most_destinations_per_level(const Limits& limits) {
     const std::size_t per_byte = budget_for_one_event(limits) / (kInputSliceBytes + limits.max_line_bytes);
     return per_byte > kReplyBytesPerByte ? (per_byte - kReplyBytesPerByte) / kReportBytes : 0;

@@ -40,6 +40,10 @@ std::size_t frame_bytes(std::size_t total_destinations);
 // slower than the router changes: the high-water mark plus one event.
 std::size_t output_bound(const Limits& limits, const std::vector<LevelSpec>& levels);
 
+// Router reports that may wait for a client besides its own answers before it
+// counts as reading slower than the router changes: the mark, or one frame.
+std::size_t report_room(const Limits& limits, const std::vector<LevelSpec>& levels);
+
 // The router sizes whose output bound stays within kClientOutputBudget.
 std::size_t most_destinations_per_level(const Limits& limits);
 std::size_t most_destinations_in_all(const Limits& limits);

@@ -162,7 +162,7 @@ void Session::send(const std::string& data) {
 void Session::flush() {
     awaiting_flush_ = false;
     if (state_ == State::dropping || state_ == State::stopped) return;
-    if (waiting() > context_.output_bound && awaiting_writable_) return drop_slow_reader();
+    if (awaiting_writable_ && behind_the_router()) return drop_slow_reader();
     if (awaiting_writable_ || waiting() == 0) return;
     if (context_.log.verbose()) log_sent();
 
@@ -180,15 +180,23 @@ void Session::flush() {
     const bool above = waiting() > context_.limits.max_output_bytes;
     if (above && !above_mark_) above_since_ = now;
     above_mark_ = above;
-    if (waiting() > context_.output_bound) return drop_slow_reader();
+    if (above) {
+        if (behind_the_router()) return drop_slow_reader();
+    } else {
+        own_answers_ = 0;
+    }
     wait_writable();
 }
 
-// Measured after the socket has taken what it could: a client that keeps up
-// never has more waiting than one event can produce on top of the mark.
+// Measured after the socket has taken what it could. A client's own answers
+// may wait in any amount one event can produce (its input waits meanwhile);
+// on top of them the router's reports may pile up by the mark, or one frame,
+// before the client counts as one that reads slower than the router changes.
+bool Session::behind_the_router() const { return waiting() > own_answers_ + context_.report_room; }
+
 void Session::drop_slow_reader() {
-    drop("more than " + with_thousands(context_.output_bound) +
-         " bytes of output waiting (client reads slower than the router changes)");
+    drop("more than " + with_thousands(context_.report_room) +
+         " bytes of router reports waiting besides its own answers (client reads slower than the router changes)");
 }
 
 void Session::wait_writable() {
@@ -208,6 +216,7 @@ void Session::on_writable(const boost::system::error_code& ec) {
 
 void Session::took_everything() {
     above_mark_ = false;
+    own_answers_ = 0;
     if (most_waiting_ > kBurstBytes) context_.manager.memory_released();
     most_waiting_ = 0;
     if (state_ == State::draining) return stop("closed by client");
@@ -302,6 +311,7 @@ void Session::feed_slice() {
     // before it are cheap. So the cost is remembered over several slices.
     recent_cost_ = recent_cost_ / 2 + (Clock::now() - began);
     in_event_ = in_input_ = false;
+    own_answers_ = std::max(own_answers_, waiting());
     flush();
     continue_input();
 }

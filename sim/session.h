@@ -31,7 +31,8 @@ struct SessionContext {
     const Log& log;
     RefusalLog& refusals;
     Limits limits;
-    std::size_t output_bound;  // waiting output that disconnects a client (see limits.h)
+    std::size_t output_bound;  // the most one event may leave waiting for a client (see limits.h)
+    std::size_t report_room;   // router reports that may wait besides a client's own answers
 };
 
 // One client connection: its socket, its converter instance with the instance's
@@ -107,6 +108,7 @@ private:
     void log_received(const char* data, std::size_t length);
     void log_sent();
     void drop(const std::string& reason);
+    bool behind_the_router() const;
     void drop_slow_reader();
 
     boost::asio::ip::tcp::socket socket_;
@@ -139,6 +141,7 @@ private:
 
     OutputQueue output_;       // sent by the instance, not taken by the socket yet
     std::size_t most_waiting_ = 0;  // since the output was last all taken
+    std::size_t own_answers_ = 0;   // waiting after the client's own last event, while over the mark
     std::string activity_sent_;  // the verbose log's output of this event
     bool awaiting_writable_ = false;
     bool awaiting_flush_ = false;  // listed with the manager for the end of a frame
