@@ -71,6 +71,25 @@ void Log::append_line(std::string_view message) const {
     waiting_ += '\n';
 }
 
+void Log::client_line(std::string_view message) const {
+    if (client_lines_ >= kClientLinesPerSecond) {
+        ++client_lines_skipped_;
+        return;
+    }
+    ++client_lines_;
+    info(message);
+}
+
+void Log::end_second() const {
+    take_in_captured();
+    if (client_lines_skipped_ > 0) {
+        info(with_thousands(client_lines_skipped_) +
+             " more lines about clients coming and going in the last second, not logged one by one");
+    }
+    client_lines_ = client_lines_skipped_ = 0;
+    flush();
+}
+
 void Log::take_in_captured() const {
     if (captured_fd_ < 0) return;
     char chunk[4096];
@@ -82,7 +101,12 @@ void Log::take_in_captured() const {
                 if (captured_line_.size() < 4096) captured_line_ += chunk[i];
                 continue;
             }
-            append_line(captured_line_);
+            if (client_lines_ < kClientLinesPerSecond) {
+                ++client_lines_;
+                append_line(captured_line_);
+            } else {
+                ++client_lines_skipped_;
+            }
             captured_line_.clear();
         }
     }

@@ -38,6 +38,14 @@ public:
     }
     bool verbose() const { return verbose_; }
 
+    // Lines about clients coming and going (and what the plug-in writes to
+    // standard error, once per instance): at most kClientLinesPerSecond a
+    // second, so that a client connecting in a loop cannot flood the log; the
+    // rest are counted and the count logged by end_second().
+    void client_line(std::string_view message) const;
+    void end_second() const;
+    static constexpr std::size_t kClientLinesPerSecond = 50;
+
     // Takes in what was written to the captured standard error, then writes
     // what waits, as far as the stream takes it without blocking.
     void flush() const;
@@ -58,6 +66,8 @@ private:
     mutable std::string waiting_;
     mutable std::size_t written_ = 0;  // bytes of waiting_ already written
     mutable std::size_t dropped_lines_ = 0;
+    mutable std::size_t client_lines_ = 0;          // this second
+    mutable std::size_t client_lines_skipped_ = 0;  // this second
 };
 
 // Refused changes, logged without letting a client flood the log: the first

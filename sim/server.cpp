@@ -110,7 +110,7 @@ void Server::wait_for_other_signals() {
 
 void Server::tick() {
     refusals_.end_second();
-    log_.flush();
+    log_.end_second();
     sessions_.check_outputs(std::chrono::steady_clock::now());
     if (sessions_.take_memory_released()) malloc_trim(0);
     if (stopping_) return;
@@ -172,7 +172,7 @@ void Server::pause_accepting(const boost::system::error_code& ec) {
 void Server::refuse(tcp::socket socket) {
     boost::system::error_code ignored;
     const tcp::endpoint peer = socket.remote_endpoint(ignored);
-    log_.info("refused client from " + peer.address().to_string() + ":" + std::to_string(peer.port()) +
+    log_.client_line("refused client from " + peer.address().to_string() + ":" + std::to_string(peer.port()) +
               ": already " + std::to_string(sessions_.size()) + " clients (max_clients)");
     socket.set_option(tcp::no_delay(true), ignored);
     auto refused = std::make_shared<tcp::socket>(std::move(socket));

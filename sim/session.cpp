@@ -82,7 +82,7 @@ void Session::start() {
         levels.push_back({level.number, level.sources, level.destinations});
     instance_->LevelList(levels, false);
     context_.router.subscribe(*this);
-    context_.log.info("client " + std::to_string(id_) + " connected from " + peer_);
+    context_.log.client_line("client " + std::to_string(id_) + " connected from " + peer_);
     introduce_some();
 }
 
@@ -130,7 +130,7 @@ void Session::stop(const std::string& reason) {
     socket_.shutdown(tcp::socket::shutdown_both, ignored);
     socket_.close(ignored);
     output_.clear();
-    context_.log.info("client " + std::to_string(id_) + " (" + peer_ + ") disconnected: " + reason);
+    context_.log.client_line("client " + std::to_string(id_) + " (" + peer_ + ") disconnected: " + reason);
     context_.manager.leave(shared_from_this());
 }
 

@@ -212,6 +212,23 @@ TEST(RouterdRefusals, ARefusalFloodIsLoggedOnceAndCounted) {
     EXPECT_LT(occurrences(log, "\n"), 10u);
 }
 
+TEST(RouterdRefusals, ClientsConnectingInALoopAreLoggedAFewDozenLinesASecond) {
+    Routerd routerd;
+    for (int i = 0; i < 300; ++i) {
+        Client client(routerd.port());
+        client.send("@ X?05\r");
+        ASSERT_EQ(client.read_until(kPrompt), "\r\nS:05,0" + kPrompt);
+    }
+    ASSERT_TRUE(routerd.log_contains(" more lines about clients coming and going in the last second, not logged one "
+                                     "by one\n",
+                                     3s));
+    // 900 lines about 300 clients: opened, the plug-in's own line, closed.
+    const std::string log = routerd.log();
+    EXPECT_LT(occurrences(log, "\n"), 300u);
+    EXPECT_NE(log.find("client 1 connected from 127.0.0.1:"), std::string::npos);
+    EXPECT_NE(log.find("Creating Leitch Passthrough host instance\n"), std::string::npos);
+}
+
 // The level tables of a configuration file, `count` levels of `destinations`.
 std::string levels(int count, int destinations) {
     std::string out;
