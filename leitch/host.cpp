@@ -23,6 +23,7 @@ void LeitchHost::SetCommandDriver(CommandDriver* driver) { commandDriver = drive
 
 void LeitchHost::LevelList(std::list<LevelDesc>& levels, bool update) {
     if (!update) {
+        seenLeitchLevel = -1;
         // A full list describes the whole router: what was known before is void.
         levelSize.clear();
         xpointStatus.clear();
@@ -56,6 +57,7 @@ std::string next_token(std::string& list) {
 void LeitchHost::LoadConfig(const std::map<std::string, std::string>& config) {
     // Missing keys read as empty strings; the look-ups insert into a private copy.
     std::map<std::string, std::string> settings = config;
+    seenLeitchLevel = -1;
     deviceId = std::atoi(settings["device_id"].c_str());
     std::string mapping = settings["level_mapping_video"];
     std::string control = settings["level_control_video"];

@@ -71,7 +71,7 @@ private:
 
     // The Leitch level a router notification about host level `level` concerns,
     // or -1 when Leitch clients do not see that level.
-    int NotifiedLevel(int level) const;
+    int NotifiedLevel(int level);
 
     // Whether `device` asked for the lock on this destination (lock command).
     bool OwnsLock(int level, int destination, int device) const;
@@ -95,4 +95,10 @@ private:
     // Field ends of the line being decoded, for the commands whose fields run
     // on across ';' (Decode starts and ends each line).
     leitch::FieldEnds fieldEnds;
+
+    // The last host level a notification was seen for and its Leitch level.
+    // Notifications come in runs for one level; a level once seen stays seen
+    // until LoadConfig or a full LevelList rebuild the tables it was found in.
+    int seenHostLevel = 0;
+    int seenLeitchLevel = -1;  // -1: nothing remembered
 };

@@ -43,10 +43,16 @@ void LeitchHost::SendXpointLockStatus(int level, int destination, int state) {
     Send({report, static_cast<size_t>(end - report)});
 }
 
-int LeitchHost::NotifiedLevel(int level) const {
+int LeitchHost::NotifiedLevel(int level) {
+    if (seenLeitchLevel >= 0 && level == seenHostLevel) return seenLeitchLevel;
     const auto mapped = levelMapping.find(level);
     if (mapped == levelMapping.end()) return -1;
-    return levelSize.count(mapped->second) != 0 ? mapped->second : -1;
+    // A level unknown now may become known (queries insert into levelSize):
+    // only a level seen is remembered.
+    if (levelSize.count(mapped->second) == 0) return -1;
+    seenHostLevel = level;
+    seenLeitchLevel = mapped->second;
+    return seenLeitchLevel;
 }
 
 void LeitchHost::Crosspoint(int level, int source, int destination) {
