@@ -1,5 +1,7 @@
 #include "sim/log.h"
 
+#include "host/c_escape.h"
+
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
@@ -159,27 +161,7 @@ void RefusalLog::end_second() {
     counts_.clear();
 }
 
-std::string escape(std::string_view bytes) {
-    std::string out;
-    out.reserve(bytes.size());
-    for (const unsigned char c : bytes) {
-        switch (c) {
-            case '\r': out += "\\r"; break;
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
-            case '\\': out += "\\\\"; break;
-            default:
-                if (c < 0x20 || c >= 0x7f) {
-                    char hex[5];
-                    std::snprintf(hex, sizeof hex, "\\x%02X", c);
-                    out += hex;
-                } else {
-                    out += static_cast<char>(c);
-                }
-        }
-    }
-    return out;
-}
+std::string escape(std::string_view bytes) { return plugin_host::c_escape(bytes); }
 
 std::string with_thousands(std::size_t number) {
     std::string digits = std::to_string(number);

@@ -25,6 +25,8 @@
 #include <string>
 #include <vector>
 
+#include "support/child_process.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -40,15 +42,8 @@ struct Options {
 };
 
 int connect_to(unsigned short port) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    const int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-        throw std::runtime_error(std::string("connect: ") + std::strerror(errno));
+    const int fd = testhost::connect_loopback(port);
+    if (fd < 0) throw std::runtime_error(std::string("connect: ") + std::strerror(errno));
     return fd;
 }
 

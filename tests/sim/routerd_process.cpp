@@ -1,5 +1,7 @@
 #include "routerd_process.h"
 
+#include "support/child_process.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -24,11 +26,7 @@ namespace simtest {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-int remaining_ms(Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left < 0 ? 0 : static_cast<int>(left);
-}
+using testhost::remaining_ms;
 
 std::string make_temp_dir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "routerd-test-XXXXXX").string();
@@ -43,42 +41,24 @@ std::string read_file(const std::string& path) {
     return text.str();
 }
 
-// fork + exec of the simulator with stdout on a pipe and stderr in a file.
-pid_t spawn(const std::vector<std::string>& args, int& stdout_fd, const std::string& stderr_path) {
-    int pipe_fds[2];
-    if (pipe2(pipe_fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-    std::vector<std::string> argv_text{LEITCH_ROUTERD_PATH};
-    argv_text.insert(argv_text.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& a : argv_text) argv.push_back(a.data());
-    argv.push_back(nullptr);
-
-    const pid_t pid = fork();
-    if (pid < 0) throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        dup2(pipe_fds[1], STDOUT_FILENO);
-        const int err = open(stderr_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (err >= 0) dup2(err, STDERR_FILENO);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(pipe_fds[1]);
-    stdout_fd = pipe_fds[0];
-    return pid;
+// The simulator with standard output on a pipe and standard error in a file.
+testhost::Child spawn(const std::vector<std::string>& args, const std::string& stderr_path) {
+    const int err = open(stderr_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (err < 0) throw std::runtime_error("cannot create " + stderr_path);
+    const testhost::Child child = testhost::spawn_child(LEITCH_ROUTERD_PATH, args, err);
+    close(err);
+    return child;
 }
 
+// The exit status, or -1 when killed by a signal or still running after
+// `timeout` (then it is killed).
 int wait_exit(pid_t pid, std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (Clock::now() > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            return -1;
-        }
-        std::this_thread::sleep_for(5ms);
+    const int code = testhost::wait_for_exit(pid, Clock::now() + timeout);
+    if (code < 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return code >= 128 ? -1 : code;
 }
 
 }  // namespace
@@ -104,8 +84,9 @@ TempFile::~TempFile() {
 ExitResult run_routerd(const std::vector<std::string>& args, std::chrono::milliseconds timeout) {
     const std::string directory = make_temp_dir();
     const std::string errors = directory + "/stderr";
-    int out_fd = -1;
-    const pid_t pid = spawn(args, out_fd, errors);
+    const testhost::Child child = spawn(args, errors);
+    const pid_t pid = child.pid;
+    const int out_fd = child.out_fd;
     ExitResult result;
     char chunk[4096];
     const auto deadline = Clock::now() + timeout;
@@ -127,19 +108,10 @@ Routerd::Routerd(const std::vector<std::string>& args) {
     log_path_ = make_temp_dir() + "/stderr";
     std::vector<std::string> all{"--listen", "127.0.0.1:0"};
     all.insert(all.end(), args.begin(), args.end());
-    int out_fd = -1;
-    pid_ = spawn(all, out_fd, log_path_);
-
-    std::string line;
-    const auto deadline = Clock::now() + 20s;
-    pollfd p{out_fd, POLLIN, 0};
-    while (line.find('\n') == std::string::npos && poll(&p, 1, remaining_ms(deadline)) > 0) {
-        char chunk[256];
-        const ssize_t n = read(out_fd, chunk, sizeof chunk);
-        if (n <= 0) break;
-        line.append(chunk, static_cast<std::size_t>(n));
-    }
-    close(out_fd);
+    const testhost::Child child = spawn(all, log_path_);
+    pid_ = child.pid;
+    const std::string line = testhost::read_first_line(child.out_fd, Clock::now() + 20s);
+    close(child.out_fd);
     const std::string prefix = "listening on 127.0.0.1:";
     if (line.rfind(prefix, 0) != 0) {
         kill(pid_, SIGKILL);
@@ -169,12 +141,7 @@ int Routerd::stop(int signal, std::chrono::milliseconds timeout) {
 std::string Routerd::log() const { return read_file(log_path_); }
 
 bool Routerd::log_contains(const std::string& text, std::chrono::milliseconds timeout) const {
-    const auto deadline = Clock::now() + timeout;
-    do {
-        if (log().find(text) != std::string::npos) return true;
-        std::this_thread::sleep_for(10ms);
-    } while (Clock::now() < deadline);
-    return false;
+    return testhost::eventually([&] { return log().find(text) != std::string::npos; }, timeout);
 }
 
 long Routerd::resident_kib() const {
@@ -187,19 +154,10 @@ long Routerd::resident_kib() const {
 }
 
 Client::Client(unsigned short port, int receive_buffer) {
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd_ < 0) throw std::runtime_error("socket failed");
-    // A small receive buffer, set before connecting, bounds the window the
-    // server can fill while this client does not read.
-    if (receive_buffer > 0) setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
-    const int one = 1;
-    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-        throw std::runtime_error(std::string("connect failed: ") + std::strerror(errno));
+    // A small receive buffer bounds the window the server can fill while this
+    // client does not read.
+    fd_ = testhost::connect_loopback(port, receive_buffer);
+    if (fd_ < 0) throw std::runtime_error(std::string("connect failed: ") + std::strerror(errno));
 }
 
 Client::~Client() {

@@ -1,5 +1,7 @@
 #include "support/transcript.h"
 
+#include "host/c_escape.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -42,27 +44,7 @@ std::vector<std::string> words(const std::string& line) {
 
 }  // namespace
 
-std::string escape(const std::string& bytes) {
-    std::string out = "\"";
-    for (const unsigned char c : bytes) {
-        switch (c) {
-            case '\r': out += "\\r"; break;
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
-            case '\\': out += "\\\\"; break;
-            case '"': out += "\\\""; break;
-            default:
-                if (c < 0x20 || c >= 0x7f) {
-                    char hex[5];
-                    std::snprintf(hex, sizeof hex, "\\x%02X", c);
-                    out += hex;
-                } else {
-                    out += static_cast<char>(c);
-                }
-        }
-    }
-    return out + "\"";
-}
+std::string escape(const std::string& bytes) { return "\"" + plugin_host::c_escape(bytes, true) + "\""; }
 
 std::string unquote(const std::string& quoted) {
     if (quoted.size() < 2 || quoted.front() != '"' || quoted.back() != '"') return quoted;

@@ -1,5 +1,7 @@
 #include "clients.h"
 
+#include "support/child_process.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -77,24 +79,10 @@ void set_abortive_close(int fd) {
 }
 
 int start_connect(unsigned short port, int receive_buffer, bool& in_progress) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) return -1;
-    // A small receive buffer has to be set before connecting to bound the window.
-    if (receive_buffer > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
-    const int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    in_progress = false;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
-    if (errno == EINPROGRESS) {
-        in_progress = true;
-        return fd;
-    }
-    close(fd);
-    return -1;
+    errno = 0;
+    const int fd = testhost::connect_loopback(port, receive_buffer, true);
+    in_progress = fd >= 0 && errno == EINPROGRESS;
+    return fd;
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "server_process.h"
 
+#include "support/child_process.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -21,10 +23,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::size_t kLogKept = 8 * 1024 * 1024;
 
-int remaining_ms(Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return left < 0 ? 0 : static_cast<int>(left);
-}
+using testhost::remaining_ms;
 
 struct Child {
     pid_t pid = -1;
@@ -32,49 +31,16 @@ struct Child {
     int err_fd = -1;
 };
 
-// fork + exec with standard output and standard error on pipes of ours and
-// standard input on /dev/null. The open-file limit, if any, is set in the
-// child (soft and hard) so that the simulator cannot raise it again.
+// Standard output and standard error on pipes of ours.
 Child spawn(const std::string& binary, const std::vector<std::string>& args, long open_file_limit) {
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    int err[2];
     if (pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-    std::vector<std::string> argv_text{binary};
-    argv_text.insert(argv_text.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& a : argv_text) argv.push_back(a.data());
-    argv.push_back(nullptr);
-
-    const pid_t pid = fork();
-    if (pid < 0) throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
-        const int null = open("/dev/null", O_RDONLY);
-        if (null >= 0) dup2(null, STDIN_FILENO);
-        if (open_file_limit > 0) {
-            const rlimit limit{static_cast<rlim_t>(open_file_limit), static_cast<rlim_t>(open_file_limit)};
-            setrlimit(RLIMIT_NOFILE, &limit);
-        }
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(out[1]);
+    const testhost::Child child = testhost::spawn_child(binary, args, err[1], open_file_limit);
     close(err[1]);
-    return Child{pid, out[0], err[0]};
+    return Child{child.pid, child.out_fd, err[0]};
 }
 
-// The exit status, 128 + signal if killed, -1 if still running at the deadline.
-int wait_for(pid_t pid, Clock::time_point deadline) {
-    int status = 0;
-    for (;;) {
-        const pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        if (done < 0) return -1;
-        if (Clock::now() >= deadline) return -1;
-        std::this_thread::sleep_for(5ms);
-    }
-}
+int wait_for(pid_t pid, Clock::time_point deadline) { return testhost::wait_for_exit(pid, deadline); }
 
 std::string read_all(int fd, Clock::time_point deadline) {
     std::string text;
@@ -112,15 +78,7 @@ Server::Server(ServerOptions options) {
     log_fd_ = child.err_fd;
     if (options.log_reader == LogReader::reads) log_thread_ = std::thread([this] { read_log(); });
 
-    std::string line;
-    const auto deadline = Clock::now() + 30s;
-    pollfd p{child.out_fd, POLLIN, 0};
-    while (line.find('\n') == std::string::npos && poll(&p, 1, remaining_ms(deadline)) > 0) {
-        char chunk[256];
-        const ssize_t n = read(child.out_fd, chunk, sizeof chunk);
-        if (n <= 0) break;
-        line.append(chunk, static_cast<std::size_t>(n));
-    }
+    const std::string line = testhost::read_first_line(child.out_fd, Clock::now() + 30s);
     close(child.out_fd);
     const std::string prefix = "listening on 127.0.0.1:";
     if (line.rfind(prefix, 0) != 0) {
@@ -200,12 +158,7 @@ std::string Server::log() const {
 }
 
 bool Server::log_contains(const std::string& text, std::chrono::milliseconds timeout) const {
-    const auto deadline = Clock::now() + timeout;
-    do {
-        if (log().find(text) != std::string::npos) return true;
-        std::this_thread::sleep_for(10ms);
-    } while (Clock::now() < deadline);
-    return false;
+    return testhost::eventually([&] { return log().find(text) != std::string::npos; }, timeout);
 }
 
 Memory Server::memory() const { return pid_ > 0 ? memory_of(pid_) : Memory{}; }
