@@ -5,12 +5,14 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 namespace routerd {
@@ -30,7 +32,22 @@ std::string time_stamp() {
     return stamp;
 }
 
+// systemd names the journal's stream in JOURNAL_STREAM ("device:inode"); when
+// standard error is still that stream, the journal stamps every line itself.
+bool standard_error_is_the_journal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    if (!stream) return false;
+    unsigned long long device = 0, inode = 0;
+    if (std::sscanf(stream, "%llu:%llu", &device, &inode) != 2) return false;
+    struct stat status {};
+    if (::fstat(STDERR_FILENO, &status) != 0) return false;
+    return static_cast<unsigned long long>(status.st_dev) == device &&
+           static_cast<unsigned long long>(status.st_ino) == inode;
+}
+
 }  // namespace
+
+Log::Log(bool verbose) : verbose_(verbose), time_stamped_(!standard_error_is_the_journal()) {}
 
 bool Log::capture_standard_error() {
     int pipe_fds[2];
@@ -68,7 +85,7 @@ void Log::append_line(std::string_view message) const {
         ++dropped_lines_;
         return;
     }
-    waiting_ += time_stamp();
+    if (time_stamped_) waiting_ += time_stamp();
     waiting_.append(message.data(), message.size());
     waiting_ += '\n';
 }

@@ -8,7 +8,8 @@
 
 namespace routerd {
 
-// Time-stamped log lines on the standard error stream. The activity log (every
+// Time-stamped log lines on the standard error stream (without the time stamp
+// when standard error is the systemd journal, which stamps lines itself). The activity log (every
 // line received and every reply) is written only when verbose; callers that
 // build an activity message test verbose() first, so that a quiet simulator
 // does not format every reply.
@@ -20,7 +21,7 @@ namespace routerd {
 // (EPIPE) only loses the lines.
 class Log {
 public:
-    explicit Log(bool verbose = false) : verbose_(verbose) {}
+    explicit Log(bool verbose = false);
     ~Log();
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
@@ -59,6 +60,7 @@ private:
     void append_line(std::string_view message) const;
 
     bool verbose_;
+    bool time_stamped_;
     int fd_ = 2;            // where the lines go
     int captured_fd_ = -1;  // the read end of the pipe that is standard error now
     mutable std::string captured_line_;  // an unfinished line written to the captured stream

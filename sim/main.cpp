@@ -21,11 +21,25 @@ namespace {
 // Exit code for anything that stops the simulator from starting.
 constexpr int kCannotStart = 2;
 
-std::string default_plugin_path() {
-    const std::string built = LEITCH_ROUTERD_BUILT_PLUGIN;
+// The program the build produced uses the plug-in built beside it and, without
+// --config, the built-in router; an installed one (any other copy) uses the
+// installed plug-in and the installed configuration file, if there is one.
+bool running_from_build_tree() {
     std::error_code ignored;
-    if (std::filesystem::exists(built, ignored)) return built;
-    return LEITCH_ROUTERD_INSTALLED_PLUGIN;
+    const auto self = std::filesystem::canonical("/proc/self/exe", ignored);
+    return !self.empty() && std::filesystem::equivalent(self, LEITCH_ROUTERD_BUILT_EXECUTABLE, ignored);
+}
+
+std::string default_plugin_path() {
+    return running_from_build_tree() ? LEITCH_ROUTERD_BUILT_PLUGIN : LEITCH_ROUTERD_INSTALLED_PLUGIN;
+}
+
+// Empty: the built-in router.
+std::string default_config_path() {
+    if (running_from_build_tree()) return {};
+    std::error_code ignored;
+    return std::filesystem::exists(LEITCH_ROUTERD_INSTALLED_CONFIG, ignored) ? LEITCH_ROUTERD_INSTALLED_CONFIG
+                                                                             : std::string();
 }
 
 std::string format_endpoint(const boost::asio::ip::tcp::endpoint& endpoint) {
@@ -58,7 +72,10 @@ int main(int argc, char** argv) {
     std::string listen;
     std::string plugin_path;
     bool verbose = false;
-    app.add_option("-c,--config", config_path, "TOML configuration file (default: built-in router)");
+    const std::string installed_config = default_config_path();
+    app.add_option("-c,--config", config_path,
+                   "TOML configuration file (default: " +
+                       (installed_config.empty() ? std::string("built-in router") : installed_config) + ")");
     app.add_option("-l,--listen", listen, "address to listen on, HOST:PORT; port 0 picks a free port "
                                           "(default 127.0.0.1:2323)");
     app.add_option("-p,--plugin", plugin_path, "converter library to load (default: " + default_plugin_path() + ")");
@@ -75,8 +92,9 @@ int main(int argc, char** argv) {
     raise_open_file_limit();
     routerd::Log log(verbose);
     try {
+        if (app.count("--config") == 0) config_path = installed_config;
         routerd::SimulatorConfig config =
-            app.count("--config") == 0 ? routerd::builtin_config() : routerd::load_config(config_path);
+            config_path.empty() ? routerd::builtin_config() : routerd::load_config(config_path);
         if (!listen.empty()) config.listen = listen;
         if (!plugin_path.empty()) config.plugin_path = plugin_path;
         if (config.plugin_path.empty()) config.plugin_path = default_plugin_path();

@@ -1,8 +1,13 @@
 # Fails unless the library's defined dynamic symbols are exactly create and destroy.
-execute_process(COMMAND nm -D --defined-only ${LIBRARY}
+# NM is the binutils nm of the library's architecture (aarch64-linux-gnu-nm when
+# cross-building); plain nm when not given.
+if(NOT NM)
+  set(NM nm)
+endif()
+execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY}
                 OUTPUT_VARIABLE symbols RESULT_VARIABLE status)
 if(NOT status EQUAL 0)
-  message(FATAL_ERROR "nm failed on ${LIBRARY}")
+  message(FATAL_ERROR "${NM} failed on ${LIBRARY}")
 endif()
 string(REGEX MATCHALL "[^\n]+" lines "${symbols}")
 set(names)
