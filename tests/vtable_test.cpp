@@ -1,7 +1,10 @@
 // The framework calls a converter through its tables of virtual operations, so
 // each operation's slot number is part of the binary contract. These tests pin
-// every slot (Itanium C++ ABI: a pointer to a virtual member function holds
-// 1 + the slot's byte offset in the table).
+// every slot. A pointer to a virtual member function holds the slot's byte
+// offset in the table: in the generic Itanium C++ ABI as 1 + the offset, the
+// low bit telling it from a function's address; in the ARM variant (32- and
+// 64-bit ARM, where function addresses may be odd) as the offset itself, with
+// the flag moved to the low bit of the second word, the this-adjustment.
 
 #include <gtest/gtest.h>
 
@@ -17,10 +20,16 @@ namespace {
 template <typename MemberFunction>
 std::ptrdiff_t slot(MemberFunction f) {
     static_assert(sizeof(f) == 2 * sizeof(std::ptrdiff_t), "Itanium member function pointer");
-    std::ptrdiff_t raw;
-    std::memcpy(&raw, &f, sizeof raw);
-    EXPECT_EQ(1, raw % static_cast<std::ptrdiff_t>(sizeof(void*))) << "not a virtual function";
-    return (raw - 1) / static_cast<std::ptrdiff_t>(sizeof(void*));
+    std::ptrdiff_t words[2];
+    std::memcpy(words, &f, sizeof words);
+#if defined(__arm__) || defined(__aarch64__)
+    EXPECT_EQ(1, words[1] & 1) << "not a virtual function";
+    const std::ptrdiff_t offset = words[0];
+#else
+    EXPECT_EQ(1, words[0] % static_cast<std::ptrdiff_t>(sizeof(void*))) << "not a virtual function";
+    const std::ptrdiff_t offset = words[0] - 1;
+#endif
+    return offset / static_cast<std::ptrdiff_t>(sizeof(void*));
 }
 
 using PC = ProtocolConverter;
