@@ -12,7 +12,18 @@ packages=(
   clang libclang-rt-14-dev                # libFuzzer and sanitizer runtimes
   netcat-openbsd socat                    # real third-party clients in the simulator tests
   valgrind                                # instruction counts for the benchmark table
+  dpkg-dev debhelper lintian scdoc        # Debian packages, their checks, the man page
+  debootstrap                             # the install test's fresh Debian root
+  crossbuild-essential-arm64 crossbuild-essential-armhf qemu-user   # ARM builds, tests under emulation
+  libgtest-dev:arm64 libgmock-dev:arm64   # GoogleTest for arm64 (multiarch)
 )
+
+# arm64 libraries come from Debian's multiarch packages. armhf's GoogleTest is
+# built from the sources in /usr/src/googletest instead (scripts/cross-test.sh):
+# see the README, "ARM", for why armhf is not added as an architecture.
+if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+  [ "$(id -u)" -eq 0 ] && dpkg --add-architecture arm64 || sudo dpkg --add-architecture arm64
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -16,8 +16,8 @@ packages=$(realpath "${1:-build/packages}")
 ls "$packages"/leitch-passthrough_*.deb "$packages"/leitch-routerd_*.deb >/dev/null
 root=$PWD/build/install-root
 suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
-mirror=${LEITCH_DEBIAN_MIRROR:-$(grep -hoE '^(URIs:|deb) +[^ ]+' /etc/apt/sources.list.d/*.sources /etc/apt/sources.list 2>/dev/null |
-  awk '{print $2}' | grep -v security | head -n 1)}
+mirror=${LEITCH_DEBIAN_MIRROR:-$(cat /etc/apt/sources.list.d/*.sources /etc/apt/sources.list 2>/dev/null |
+  awk '/^(URIs:|deb) / && $2 !~ /security/ {print $2; exit}' || true)}
 mirror=${mirror:-http://deb.debian.org/debian}
 
 in_root() { chroot "$root" env DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 "$@"; }

@@ -4,20 +4,50 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer, and fuzzes the plug-in for a
 # bounded time (LEITCH_FUZZ_SECONDS, 120 unless set). Any finding fails the run,
 # and so does any compiler warning (LEITCH_WARNINGS_AS_ERRORS).
+#
+# Then what is shipped: the Debian packages are built and checked with
+# lintian, the systemd unit is verified and rated, the packages are installed
+# into a fresh Debian root and the installed simulator is driven over TCP, and
+# the plug-in's test suite is cross-built for arm64 and armhf and run under
+# qemu-user. Each stage's time is printed at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+timings=()
+stage_name=""
+stage_start=0
+begin() {
+  end_stage
+  stage_name=$1
+  stage_start=$SECONDS
+  echo "=== $stage_name"
+}
+end_stage() {
+  [ -n "$stage_name" ] && timings+=("$(printf '%6d s  %s' $((SECONDS - stage_start)) "$stage_name")")
+  stage_name=""
+}
+report_times() {
+  local status=$?
+  [ -n "$stage_name" ] && timings+=("$(printf '%6d s  %s%s' $((SECONDS - stage_start)) "$stage_name" \
+    "$([ $status -ne 0 ] && echo ' (failed)')")")
+  echo "=== stage times"
+  printf '%s\n' "${timings[@]}"
+  printf '%6d s  total\n' "$SECONDS"
+}
+trap report_times EXIT
+
+begin "install dependencies"
 scripts/install-deps.sh
 
 jobs=$(nproc)
 for preset in default sanitize; do
-  echo "=== $preset build"
+  begin "$preset build and tests"
   cmake --preset "$preset" -DLEITCH_WARNINGS_AS_ERRORS=ON
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$jobs"
 done
 
-echo "=== fuzz build"
+begin "fuzz build"
 cmake --preset fuzz -DLEITCH_WARNINGS_AS_ERRORS=ON
 cmake --build --preset fuzz -j "$jobs"
 
@@ -26,7 +56,7 @@ cmake --build --preset fuzz -j "$jobs"
 # build/fuzz/artifacts/: add it to fuzz/regressions/ together with the fix.
 seconds=${LEITCH_FUZZ_SECONDS:-120}
 mkdir -p build/fuzz/corpus build/fuzz/artifacts
-echo "=== fuzzing for ${seconds}s on $jobs processes"
+begin "fuzzing for ${seconds}s on $jobs processes"
 if ! build/fuzz/fuzz/leitch_fuzz -fork="$jobs" -max_total_time="$seconds" \
     -ignore_crashes=0 -ignore_timeouts=0 -ignore_ooms=0 \
     -max_len=4096 -timeout=20 -rss_limit_mb=2048 -dict=fuzz/leitch.dict \
@@ -36,3 +66,20 @@ if ! build/fuzz/fuzz/leitch_fuzz -fork="$jobs" -max_total_time="$seconds" \
   ls -l build/fuzz/artifacts/ >&2
   exit 1
 fi
+
+# The tests ran above; the package build does not run them again.
+begin "Debian packages and lintian"
+rm -rf build/packages
+DEB_BUILD_OPTIONS="nocheck parallel=$jobs" scripts/package.sh --out build/packages
+
+begin "systemd unit: verify and security rating"
+scripts/check-unit.sh build/packages
+
+begin "install test in a fresh Debian root"
+scripts/install-test.sh build/packages
+
+for arch in arm64 armhf; do
+  begin "$arch: cross-built plug-in tests under qemu-user"
+  scripts/cross-test.sh "$arch"
+done
+end_stage
