@@ -154,16 +154,18 @@ bool scan_hex(const char* p, size_t length, int* out) {
     }
     // scanf converts through strtoul: the magnitude saturates at the range of
     // unsigned long, a sign negates it, and the result is narrowed to unsigned.
-    unsigned long magnitude = 0;
+    // Always with the 64 bits unsigned long has on x86-64 and arm64, so that a
+    // client gets the same answers from a 32-bit controller too.
+    std::uint64_t magnitude = 0;
     bool overflow = false;
     for (int digit; (digit = hex_digit(at(i))) >= 0; ++i) {
         digits = true;
-        if (magnitude > (ULONG_MAX - static_cast<unsigned long>(digit)) / 16) overflow = true;
-        magnitude = magnitude * 16 + static_cast<unsigned long>(digit);
+        if (magnitude > (UINT64_MAX - static_cast<std::uint64_t>(digit)) / 16) overflow = true;
+        magnitude = magnitude * 16 + static_cast<std::uint64_t>(digit);
     }
     if (!digits) return false;
-    unsigned long value = ULONG_MAX;
-    if (!overflow) value = negative ? 0UL - magnitude : magnitude;
+    std::uint64_t value = UINT64_MAX;
+    if (!overflow) value = negative ? 0 - magnitude : magnitude;
     *out = static_cast<int>(static_cast<unsigned>(value));
     return true;
 }
@@ -176,11 +178,12 @@ bool scan_decimal(const char* p, size_t length, int* out) {
     if (at(i) == '+' || at(i) == '-') negative = at(i++) == '-';
     if (at(i) < '0' || at(i) > '9') return false;
     // scanf converts through strtol: the magnitude saturates at the range of
-    // long, and the result is then narrowed to int.
-    unsigned long magnitude = 0;
+    // long, and the result is then narrowed to int. Always with the 64 bits long
+    // has on x86-64 and arm64, so that a 32-bit controller answers the same.
+    std::uint64_t magnitude = 0;
     bool overflow = false;
-    const unsigned long limit = negative ? static_cast<unsigned long>(LONG_MAX) + 1
-                                         : static_cast<unsigned long>(LONG_MAX);
+    const std::uint64_t limit = negative ? static_cast<std::uint64_t>(INT64_MAX) + 1
+                                         : static_cast<std::uint64_t>(INT64_MAX);
     for (; at(i) >= '0' && at(i) <= '9'; ++i) {
         const unsigned digit = static_cast<unsigned>(at(i) - '0');
         if (overflow || magnitude > (limit - digit) / 10) {
@@ -189,17 +192,17 @@ bool scan_decimal(const char* p, size_t length, int* out) {
         }
         magnitude = magnitude * 10 + digit;
     }
-    long value;
+    std::int64_t value;
     if (overflow) {
-        value = negative ? LONG_MIN : LONG_MAX;
+        value = negative ? INT64_MIN : INT64_MAX;
     } else if (negative) {
-        value = magnitude == static_cast<unsigned long>(LONG_MAX) + 1
-                    ? LONG_MIN
-                    : -static_cast<long>(magnitude);
+        value = magnitude == static_cast<std::uint64_t>(INT64_MAX) + 1
+                    ? INT64_MIN
+                    : -static_cast<std::int64_t>(magnitude);
     } else {
-        value = static_cast<long>(magnitude);
+        value = static_cast<std::int64_t>(magnitude);
     }
-    *out = static_cast<int>(static_cast<unsigned long>(value));
+    *out = static_cast<int>(static_cast<std::uint32_t>(static_cast<std::uint64_t>(value)));
     return true;
 }
 

@@ -4,6 +4,7 @@
 // here works in place on NUL-terminated text; only FieldEnds keeps a list.
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 namespace leitch {
@@ -80,14 +81,16 @@ bool read_field(const char* p, const char* format, int* out, char terminator);
 // Step over a run of separators: ',', '/', ':' and 'I'.
 char* move_next(char* p);
 
-// What sscanf(p, "%d", out) does, without measuring the rest of the text: skip
-// white space, optional sign, decimal digits. Returns false when no digit follows.
+// What sscanf(p, "%d", out) does where long has 64 bits (x86-64, arm64), on
+// every processor, without measuring the rest of the text: skip white space,
+// optional sign, decimal digits. Returns false when no digit follows.
 // With `length`, the text ends after that many characters or at a NUL.
 bool scan_decimal(const char* p, int* out);
 bool scan_decimal(const char* p, size_t length, int* out);
 
-// What sscanf(p, "%X", out) does: skip white space, optional sign, optional
-// "0x", hexadecimal digits. Returns false when no number is there.
+// What sscanf(p, "%X", out) does where long has 64 bits, on every processor:
+// skip white space, optional sign, optional "0x", hexadecimal digits. Returns
+// false when no number is there.
 bool scan_hex(const char* p, int* out);
 bool scan_hex(const char* p, size_t length, int* out);
 
@@ -141,12 +144,14 @@ private:
     struct Scan {
         std::vector<const char*> ends;  // every field end found so far, ascending
         const char* next = nullptr;     // where the scan goes on; null once at the NUL
-        unsigned long lineNumber = 0;   // the line the two above belong to
+        // The line the two above belong to. 64 bits on every processor: a
+        // count that wrapped could take a line for one seen long ago.
+        std::uint64_t lineNumber = 0;
     };
     Scan* scan_for(char terminator);
 
     const char* line_ = nullptr;  // null outside a line
-    unsigned long lineNumber_ = 0;
+    std::uint64_t lineNumber_ = 0;
     Scan scans_[3];  // ',', '/', ':'
 };
 

@@ -28,11 +28,15 @@ cleanup() {
 trap cleanup EXIT
 
 echo "=== debootstrap $suite from $mirror"
-if [ ! -e "$root/.complete" ]; then
-  rm -rf "$root"
+# A pristine copy is kept, so that a second run starts from a fresh root too.
+pristine=build/install-root.tar
+rm -rf "$root"
+if [ ! -e "$pristine" ]; then
   debootstrap --variant=minbase "$suite" "$root" "$mirror" >build/debootstrap.log 2>&1 ||
     { tail -n 20 build/debootstrap.log >&2; echo "debootstrap failed" >&2; exit 1; }
-  touch "$root/.complete"
+  tar -C "$root" -cf "$pristine.part" . && mv "$pristine.part" "$pristine"
+else
+  mkdir -p "$root" && tar -C "$root" -xf "$pristine"
 fi
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 mount -t proc proc "$root/proc"
@@ -41,7 +45,7 @@ in_root apt-get update -q >/dev/null
 # Everything on the root's file system that a package could leave behind.
 snapshot() {
   (cd "$root" && find . -xdev \( -path ./proc -o -path ./tmp -o -path ./var/lib/dpkg -o -path ./var/lib/apt \
-      -o -path ./var/cache -o -path ./var/log -o -path ./run -o -path ./dev -o -path ./.complete \
+      -o -path ./var/cache -o -path ./var/log -o -path ./run -o -path ./dev \
       -o -path ./etc/ld.so.cache \) -prune -o -print | sort)
 }
 snapshot >build/install-before.txt
@@ -81,16 +85,27 @@ server=
 [ "$status" -eq 0 ] || { echo "exit status $status after SIGTERM" >&2; exit 1; }
 sed 's/^/  log: /' "$log"
 
+# Configuration, as Debian keeps it on remove: the conffile, and whether the
+# service is enabled (deb-systemd-helper's record and the link it made), so
+# that installing again keeps the administrator's choice.
+expected_left='./etc/leitch-routerd
+./etc/leitch-routerd/leitch-routerd.toml
+./etc/systemd/system/multi-user.target.wants/leitch-routerd.service
+./var/lib/systemd/deb-systemd-helper-enabled/leitch-routerd.service.dsh-also
+./var/lib/systemd/deb-systemd-helper-enabled/multi-user.target.wants/leitch-routerd.service'
+
 echo "=== apt-get remove: only the configuration stays"
-in_root apt-get remove -y -q leitch-routerd leitch-passthrough >/dev/null
-in_root apt-get autoremove --purge -y -q >/dev/null
+in_root apt-get remove -y -q leitch-routerd leitch-passthrough >build/install-apt.log 2>&1
+in_root apt-get autoremove --purge -y -q >>build/install-apt.log 2>&1
 left=$(comm -13 build/install-before.txt <(snapshot))
 printf '%s\n' "$left" | sed 's/^/  left: /'
-[ "$left" = $'./etc/leitch-routerd\n./etc/leitch-routerd/leitch-routerd.toml' ] ||
+# The enablement records exist only where deb-systemd-helper is installed.
+[ "$(printf '%s\n' "$left" | grep -v -e /systemd/ || true)" = $'./etc/leitch-routerd\n./etc/leitch-routerd/leitch-routerd.toml' ] &&
+  [ -z "$(comm -13 <(printf '%s\n' "$expected_left") <(printf '%s\n' "$left"))" ] ||
   { echo "remove left more (or less) than the configuration" >&2; exit 1; }
 
 echo "=== apt-get purge: nothing stays"
-in_root apt-get purge -y -q leitch-routerd leitch-passthrough >/dev/null
+in_root apt-get purge -y -q leitch-routerd leitch-passthrough >>build/install-apt.log 2>&1
 left=$(comm -3 build/install-before.txt <(snapshot))
 [ -z "$left" ] || { printf 'after purge:\n%s\n' "$left" >&2; exit 1; }
 echo "install test passed"

@@ -195,6 +195,25 @@ TEST(HexDigit, MatchesAOneCharacterHexConversion) {
     }
 }
 
+// The conversions scan_decimal and scan_hex reproduce: scanf's "%d" and "%X"
+// where long has 64 bits. They convert through strtol and strtoul and narrow
+// the result; "%lld" and "%llX" convert through strtoll and strtoull, which
+// have 64 bits on every processor, so narrowing their results gives the same
+// expectations on 32-bit ARM as on x86-64.
+bool scanf_decimal(const char* text, int* out) {
+    long long value = 0;
+    if (std::sscanf(text, "%lld", &value) != 1) return false;
+    *out = static_cast<int>(static_cast<unsigned>(static_cast<unsigned long long>(value)));
+    return true;
+}
+
+bool scanf_hex(const char* text, int* out) {
+    unsigned long long value = 0;
+    if (std::sscanf(text, "%llX", &value) != 1) return false;
+    *out = static_cast<int>(static_cast<unsigned>(value));
+    return true;
+}
+
 TEST(ScanDecimal, MatchesScanf) {
     const char* samples[] = {"0", "12", "-3", "+4", " 5", "\t6", "\v7x", "a", "", "-", "+", " ",
                              "2147483647", "2147483648", "-2147483648", "-2147483649",
@@ -204,7 +223,7 @@ TEST(ScanDecimal, MatchesScanf) {
                              "0012", "- 5", "1,3", "\xFF"};
     for (const char* s : samples) {
         int expected = -77, actual = -77;
-        const bool converts = std::sscanf(s, "%d", &expected) == 1;
+        const bool converts = scanf_decimal(s, &expected);
         EXPECT_EQ(converts, scan_decimal(s, &actual)) << '"' << s << '"';
         if (converts) {
             EXPECT_EQ(expected, actual) << '"' << s << '"';
@@ -234,18 +253,18 @@ std::vector<std::string> conversion_texts() {
 
 TEST(ScanHex, MatchesScanfOnEveryShortText) {
     for (const std::string& text : conversion_texts()) {
-        unsigned expected = 0x5A5A5A5A;
+        int expected = 0x5A5A5A5A;
         int actual = 0x5A5A5A5A;
-        const bool converts = std::sscanf(text.c_str(), "%X", &expected) == 1;
+        const bool converts = scanf_hex(text.c_str(), &expected);
         ASSERT_EQ(converts, scan_hex(text.c_str(), &actual)) << '"' << text << '"';
-        ASSERT_EQ(static_cast<int>(expected), actual) << '"' << text << '"';
+        ASSERT_EQ(expected, actual) << '"' << text << '"';
     }
 }
 
 TEST(ScanDecimal, MatchesScanfOnEveryShortText) {
     for (const std::string& text : conversion_texts()) {
         int expected = 0x5A5A5A5A, actual = 0x5A5A5A5A;
-        const bool converts = std::sscanf(text.c_str(), "%d", &expected) == 1;
+        const bool converts = scanf_decimal(text.c_str(), &expected);
         ASSERT_EQ(converts, scan_decimal(text.c_str(), &actual)) << '"' << text << '"';
         ASSERT_EQ(expected, actual) << '"' << text << '"';
     }
