@@ -16,6 +16,7 @@ packages=(
   debootstrap                             # the install test's fresh Debian root
   crossbuild-essential-arm64 crossbuild-essential-armhf qemu-user   # ARM builds, tests under emulation
   libgtest-dev:arm64 libgmock-dev:arm64   # GoogleTest for arm64 (multiarch)
+  libboost-dev:arm64 libboost-system-dev:arm64 libtomlplusplus-dev:arm64   # the arm64 packages' build
 )
 
 # arm64 libraries come from Debian's multiarch packages. armhf's GoogleTest is

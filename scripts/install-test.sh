@@ -22,7 +22,6 @@ mirror=${mirror:-http://deb.debian.org/debian}
 
 in_root() { chroot "$root" env DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 "$@"; }
 cleanup() {
-  [ -n "${server:-}" ] && kill "$server" 2>/dev/null || true
   mountpoint -q "$root/proc" && umount "$root/proc" || true
 }
 trap cleanup EXIT
@@ -60,30 +59,10 @@ test "$(in_root dpkg-query -W -f='${Conffiles}' leitch-routerd | awk '{print $1}
 
 echo "=== the installed leitch-routerd, as user nobody, with the installed configuration"
 # Port 0: the machine may already have a simulator on the configured port.
-log=build/install-routerd.log
-chroot --userspec=65534:65534 "$root" /usr/bin/leitch-routerd --listen 127.0.0.1:0 >build/install-routerd.out 2>"$log" &
-server=$!
-for _ in $(seq 100); do
-  grep -q '^listening on' build/install-routerd.out 2>/dev/null && break
-  kill -0 "$server" 2>/dev/null || { cat "$log" >&2; exit 1; }
-  sleep 0.1
-done
-port=$(sed -n 's/^listening on 127.0.0.1:\([0-9]*\)$/\1/p' build/install-routerd.out)
-[ -n "$port" ] || { echo "the simulator did not start" >&2; cat "$log" >&2; exit 1; }
+log=$PWD/build/install-routerd.log
+scripts/routerd-smoke.sh "$log" chroot --userspec=65534:65534 "$root" /usr/bin/leitch-routerd --listen 127.0.0.1:0
 grep -q 'router from /etc/leitch-routerd/leitch-routerd.toml' "$log"
 grep -q "plug-in /usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/leitch-passthrough/libleitch_passthrough.so" "$log"
-
-exec 3<>"/dev/tcp/127.0.0.1/$port"
-printf '@ ?\r@ X:0/5,3\r' >&3
-reply=$(timeout 2 cat <&3 || true)
-exec 3>&-
-printf '%s\n' "$reply" | tr -d '\r' | sed 's/^/  received: /'
-printf '%s' "$reply" | grep -q 'S:05,3' || { echo "no report S:05,3" >&2; cat "$log" >&2; exit 1; }
-kill -TERM "$server"
-status=0; wait "$server" || status=$?
-server=
-[ "$status" -eq 0 ] || { echo "exit status $status after SIGTERM" >&2; exit 1; }
-sed 's/^/  log: /' "$log"
 
 # Configuration, as Debian keeps it on remove: the conffile, and whether the
 # service is enabled (deb-systemd-helper's record and the link it made), so

@@ -7,9 +7,10 @@
 #
 # Then what is shipped: the Debian packages are built and checked with
 # lintian, the systemd unit is verified and rated, the packages are installed
-# into a fresh Debian root and the installed simulator is driven over TCP, and
-# the plug-in's test suite is cross-built for arm64 and armhf and run under
-# qemu-user. Each stage's time is printed at the end.
+# into a fresh Debian root and the installed simulator is driven over TCP, the
+# plug-in's test suite is cross-built for arm64 and armhf and run under
+# qemu-user, and the packages are built for arm64 and their simulator driven
+# under qemu-user. Each stage's time is printed at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -82,4 +83,9 @@ for arch in arm64 armhf; do
   begin "$arch: cross-built plug-in tests under qemu-user"
   scripts/cross-test.sh "$arch"
 done
+
+begin "arm64 Debian packages, lintian, and a take under qemu-user"
+rm -rf build/packages-arm64
+DEB_BUILD_OPTIONS="parallel=$jobs" scripts/package.sh --arch arm64 --out build/packages-arm64
+scripts/emulated-package-test.sh arm64 build/packages-arm64
 end_stage
