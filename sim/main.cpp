@@ -92,9 +92,11 @@ int main(int argc, char** argv) {
     raise_open_file_limit();
     routerd::Log log(verbose);
     try {
+        // A --config that names nothing is an error, not the built-in router.
         if (app.count("--config") == 0) config_path = installed_config;
-        routerd::SimulatorConfig config =
-            config_path.empty() ? routerd::builtin_config() : routerd::load_config(config_path);
+        routerd::SimulatorConfig config = app.count("--config") == 0 && config_path.empty()
+                                              ? routerd::builtin_config()
+                                              : routerd::load_config(config_path);
         if (!listen.empty()) config.listen = listen;
         if (!plugin_path.empty()) config.plugin_path = plugin_path;
         if (config.plugin_path.empty()) config.plugin_path = default_plugin_path();
