@@ -13,7 +13,7 @@ packages=(
   netcat-openbsd socat                    # real third-party clients in the simulator tests
   valgrind                                # instruction counts for the benchmark table
   dpkg-dev debhelper lintian scdoc        # Debian packages, their checks, the man page
-  debootstrap                             # the install test's fresh Debian root
+  debootstrap systemd-container           # the install test's fresh Debian root, booted for the service test
   crossbuild-essential-arm64 crossbuild-essential-armhf qemu-user   # ARM builds, tests under emulation
   libgtest-dev:arm64 libgmock-dev:arm64   # GoogleTest for arm64 (multiarch)
   libboost-dev:arm64 libboost-system-dev:arm64 libtomlplusplus-dev:arm64   # the arm64 packages' build

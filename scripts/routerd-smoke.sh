@@ -5,7 +5,24 @@
 # status 0. The simulator's log is left in LOG (and printed).
 #
 #   scripts/routerd-smoke.sh LOG COMMAND [ARGS...]
+#   scripts/routerd-smoke.sh --take PORT       only the take, on a running simulator
 set -euo pipefail
+
+# Report mode, a take, and its report.
+take() {
+  local reply
+  exec 3<>"/dev/tcp/127.0.0.1/$1"
+  printf '@ ?\r@ X:0/5,3\r' >&3
+  reply=$(timeout 3 cat <&3 || true)
+  exec 3>&-
+  printf '%s\n' "$reply" | tr -d '\r' | sed 's/^/  received: /'
+  printf '%s' "$reply" | grep -q 'S:05,3'
+}
+
+if [ "$1" = --take ]; then
+  take "$2" || { echo "no report S:05,3" >&2; exit 1; }
+  exit 0
+fi
 
 log=$1
 shift
@@ -21,12 +38,7 @@ done
 port=$(sed -n 's/^listening on 127.0.0.1:\([0-9]*\)$/\1/p' "$out")
 [ -n "$port" ] || { cat "$log" >&2; echo "the simulator did not start" >&2; exit 1; }
 
-exec 3<>"/dev/tcp/127.0.0.1/$port"
-printf '@ ?\r@ X:0/5,3\r' >&3
-reply=$(timeout 3 cat <&3 || true)
-exec 3>&-
-printf '%s\n' "$reply" | tr -d '\r' | sed 's/^/  received: /'
-printf '%s' "$reply" | grep -q 'S:05,3' || { cat "$log" >&2; echo "no report S:05,3" >&2; exit 1; }
+take "$port" || { cat "$log" >&2; echo "no report S:05,3" >&2; exit 1; }
 
 kill -TERM "$server"
 status=0

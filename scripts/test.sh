@@ -8,6 +8,7 @@
 # Then what is shipped: the Debian packages are built and checked with
 # lintian, the systemd unit is verified and rated, the packages are installed
 # into a fresh Debian root and the installed simulator is driven over TCP, the
+# root is booted with systemd to drive the service itself, the
 # plug-in's test suite is cross-built for arm64 and armhf and run under
 # qemu-user, and the packages are built for arm64 and their simulator driven
 # under qemu-user. Each stage's time is printed at the end.
@@ -78,6 +79,9 @@ scripts/check-unit.sh build/packages
 
 begin "install test in a fresh Debian root"
 scripts/install-test.sh build/packages
+
+begin "the service under systemd (systemd-nspawn)"
+scripts/service-test.sh build/packages
 
 for arch in arm64 armhf; do
   begin "$arch: cross-built plug-in tests under qemu-user"

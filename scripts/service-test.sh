@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# The packaged service under a real systemd: a fresh Debian root (the install
+# test's debootstrap copy) with systemd and the packages installed is booted
+# with systemd-nspawn, sharing this machine's network. Checks that
+# leitch-routerd.service was started at boot with the installed configuration
+# (its port moved to a free one), runs as a user of its own in the dialout
+# group, answers a take over TCP, logs to the journal without time stamps of
+# its own, ignores SIGHUP, and is restarted after it is killed.
+#
+#   scripts/service-test.sh [PACKAGE_DIR]      default build/packages
+# Needs root, systemd-nspawn, and build/install-root.tar (scripts/install-test.sh).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=$(realpath "${1:-build/packages}")
+root=$PWD/build/service-root
+[ -e build/install-root.tar ] || { echo "run scripts/install-test.sh first" >&2; exit 1; }
+
+container=""
+cleanup() {
+  mountpoint -q "$root/proc" && umount "$root/proc"
+  if [ -n "$container" ] && kill -0 "$container" 2>/dev/null; then
+    kill -TERM "$container"  # systemd-nspawn shuts the container down in order
+    for _ in $(seq 100); do kill -0 "$container" 2>/dev/null || break; sleep 0.1; done
+  fi
+  true
+}
+trap cleanup EXIT
+
+echo "=== a Debian root with systemd and the packages"
+rm -rf "$root" && mkdir -p "$root" && tar -C "$root" -xf build/install-root.tar
+cp /etc/resolv.conf "$root/etc/resolv.conf"
+mkdir -p "$root/tmp/debs"
+cp "$packages"/leitch-passthrough_*.deb "$packages"/leitch-routerd_*.deb "$root/tmp/debs/"
+mount -t proc proc "$root/proc"
+chroot "$root" env DEBIAN_FRONTEND=noninteractive sh -c \
+  'apt-get update -q && apt-get install -y -q --no-install-recommends systemd ./tmp/debs/*.deb' \
+  >build/service-apt.log 2>&1 || { cat build/service-apt.log >&2; exit 1; }
+umount "$root/proc"
+
+# The container shares this machine's loopback: move the configured port to a free one.
+port=""
+for candidate in $(shuf -i 20000-29999 -n 50); do
+  ss -Htln "sport = :$candidate" | grep -q . || { port=$candidate; break; }
+done
+[ -n "$port" ] || { echo "no free port" >&2; exit 1; }
+sed -i "s/^listen = \"127.0.0.1:2323\"/listen = \"127.0.0.1:$port\"/" "$root/etc/leitch-routerd/leitch-routerd.toml"
+grep -q "127.0.0.1:$port" "$root/etc/leitch-routerd/leitch-routerd.toml"
+
+echo "=== boot with systemd-nspawn"
+systemd-nspawn -D "$root" --boot --register=no --keep-unit -q --console=pipe >build/service-boot.log 2>&1 &
+container=$!
+in_container() { nsenter -t "$leader" -a "$@"; }
+leader=""
+for _ in $(seq 300); do
+  leader=$(ps -o pid= --ppid "$container" | head -n 1 | tr -d ' ')
+  [ -n "$leader" ] && in_container systemctl is-active -q leitch-routerd.service 2>/dev/null && break
+  kill -0 "$container" 2>/dev/null || { cat build/service-boot.log >&2; exit 1; }
+  sleep 0.1
+done
+in_container systemctl status --no-pager leitch-routerd.service | sed 's/^/  /'
+in_container systemctl is-active -q leitch-routerd.service
+for _ in $(seq 100); do ss -Htln "sport = :$port" | grep -q . && break; sleep 0.1; done
+
+main=$(in_container systemctl show -P MainPID leitch-routerd.service)
+status=$(in_container cat "/proc/$main/status")
+uid=$(printf '%s\n' "$status" | awk '/^Uid:/ {print $2}')
+groups=$(printf '%s\n' "$status" | sed -n 's/^Groups:\s*//p')
+dialout=$(in_container getent group dialout | cut -d: -f3)
+echo "  runs as uid $uid, groups $groups (dialout is $dialout)"
+# systemd gives dynamic users the uids 61184 to 65519.
+[ "$uid" -ge 61184 ] && [ "$uid" -le 65519 ] || { echo "not a dynamic user: uid $uid" >&2; exit 1; }
+[[ " $groups " == *" $dialout "* ]] || { echo "not in the dialout group" >&2; exit 1; }
+
+echo "=== a take over TCP"
+scripts/routerd-smoke.sh --take "$port"
+
+echo "=== SIGHUP is ignored; a killed simulator is restarted"
+in_container systemctl kill -s HUP leitch-routerd.service
+sleep 0.5
+in_container systemctl kill -s KILL leitch-routerd.service
+for _ in $(seq 100); do
+  [ "$(in_container systemctl show -P NRestarts leitch-routerd.service)" = 1 ] &&
+    in_container systemctl is-active -q leitch-routerd.service && ss -Htln "sport = :$port" | grep -q . && break
+  sleep 0.1
+done
+[ "$(in_container systemctl show -P NRestarts leitch-routerd.service)" = 1 ] || { echo "not restarted" >&2; exit 1; }
+scripts/routerd-smoke.sh --take "$port"
+
+echo "=== the journal"
+journal=$(in_container journalctl -q -u leitch-routerd.service -o cat --no-pager)
+printf '%s\n' "$journal" | sed 's/^/  /'
+printf '%s\n' "$journal" | grep -q '^router from /etc/leitch-routerd/leitch-routerd.toml' ||
+  { echo "no start-up line without a time stamp" >&2; exit 1; }
+printf '%s\n' "$journal" | grep -q 'received SIGHUP, ignored' || { echo "SIGHUP not logged" >&2; exit 1; }
+echo "service test passed"
