@@ -16,7 +16,8 @@ take() {
   reply=$(timeout 3 cat <&3 || true)
   exec 3>&-
   printf '%s\n' "$reply" | tr -d '\r' | sed 's/^/  received: /'
-  printf '%s' "$reply" | grep -q 'S:05,3'
+  # Not through a pipe: grep -q leaving early would fail it under pipefail.
+  [[ $reply == *S:05,3* ]]
 }
 
 if [ "$1" = --take ]; then

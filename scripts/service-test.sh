@@ -38,10 +38,12 @@ chroot "$root" env DEBIAN_FRONTEND=noninteractive sh -c \
   >build/service-apt.log 2>&1 || { cat build/service-apt.log >&2; exit 1; }
 umount "$root/proc"
 
+listening() { [ -n "$(ss -Htln "sport = :$1")" ]; }
+
 # The container shares this machine's loopback: move the configured port to a free one.
 port=""
 for candidate in $(shuf -i 20000-29999 -n 50); do
-  ss -Htln "sport = :$candidate" | grep -q . || { port=$candidate; break; }
+  listening "$candidate" || { port=$candidate; break; }
 done
 [ -n "$port" ] || { echo "no free port" >&2; exit 1; }
 sed -i "s/^listen = \"127.0.0.1:2323\"/listen = \"127.0.0.1:$port\"/" "$root/etc/leitch-routerd/leitch-routerd.toml"
@@ -60,12 +62,12 @@ for _ in $(seq 300); do
 done
 in_container systemctl status --no-pager leitch-routerd.service | sed 's/^/  /'
 in_container systemctl is-active -q leitch-routerd.service
-for _ in $(seq 100); do ss -Htln "sport = :$port" | grep -q . && break; sleep 0.1; done
+for _ in $(seq 100); do listening "$port" && break; sleep 0.1; done
 
 main=$(in_container systemctl show -P MainPID leitch-routerd.service)
 status=$(in_container cat "/proc/$main/status")
-uid=$(printf '%s\n' "$status" | awk '/^Uid:/ {print $2}')
-groups=$(printf '%s\n' "$status" | sed -n 's/^Groups:\s*//p')
+uid=$(awk '/^Uid:/ {print $2}' <<<"$status")
+groups=$(sed -n 's/^Groups:\s*//p' <<<"$status")
 dialout=$(in_container getent group dialout | cut -d: -f3)
 echo "  runs as uid $uid, groups $groups (dialout is $dialout)"
 # systemd gives dynamic users the uids 61184 to 65519.
@@ -81,7 +83,7 @@ sleep 0.5
 in_container systemctl kill -s KILL leitch-routerd.service
 for _ in $(seq 100); do
   [ "$(in_container systemctl show -P NRestarts leitch-routerd.service)" = 1 ] &&
-    in_container systemctl is-active -q leitch-routerd.service && ss -Htln "sport = :$port" | grep -q . && break
+    in_container systemctl is-active -q leitch-routerd.service && listening "$port" && break
   sleep 0.1
 done
 [ "$(in_container systemctl show -P NRestarts leitch-routerd.service)" = 1 ] || { echo "not restarted" >&2; exit 1; }
@@ -90,7 +92,7 @@ scripts/routerd-smoke.sh --take "$port"
 echo "=== the journal"
 journal=$(in_container journalctl -q -u leitch-routerd.service -o cat --no-pager)
 printf '%s\n' "$journal" | sed 's/^/  /'
-printf '%s\n' "$journal" | grep -q '^router from /etc/leitch-routerd/leitch-routerd.toml' ||
+grep -q '^router from /etc/leitch-routerd/leitch-routerd.toml' <<<"$journal" ||
   { echo "no start-up line without a time stamp" >&2; exit 1; }
-printf '%s\n' "$journal" | grep -q 'received SIGHUP, ignored' || { echo "SIGHUP not logged" >&2; exit 1; }
+grep -q 'received SIGHUP, ignored' <<<"$journal" || { echo "SIGHUP not logged" >&2; exit 1; }
 echo "service test passed"
