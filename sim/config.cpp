@@ -2,10 +2,12 @@
 
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <set>
@@ -143,6 +145,13 @@ public:
                      std::to_string(total) + ")" + limits);
     }
 
+    void record(const toml::table& record, SimulatorConfig& config) const {
+        only_known_keys(record, "record.", {"directory", "max_bytes"});
+        if (const toml::node* n = record.get("directory")) config.record.directory = string(*n, "record.directory");
+        if (const toml::node* n = record.get("max_bytes"))
+            config.record.max_bytes = static_cast<std::size_t>(integer(*n, "record.max_bytes", 1024, std::int64_t{1} << 40));
+    }
+
     void plugin(const toml::table& plugin, SimulatorConfig& config) const {
         only_known_keys(plugin, "plugin.", {"path", "config"});
         if (const toml::node* path = plugin.get("path")) config.plugin_path = string(*path, "plugin.path");
@@ -237,8 +246,9 @@ public:
         // Whatever the file leaves out keeps its built-in value.
         SimulatorConfig config = builtin();
         config.origin = path_;
-        only_known_keys(root, "", {"server", "plugin", "level"});
+        only_known_keys(root, "", {"server", "plugin", "level", "record"});
         if (const toml::table* s = table(root, "server", "")) server(*s, config);
+        if (const toml::table* r = table(root, "record", "")) record(*r, config);
         if (const toml::table* p = table(root, "plugin", "")) plugin(*p, config);
         if (const toml::node* l = root.get("level")) levels(*l, config);
         check_capacity(root, config);
@@ -270,6 +280,16 @@ private:
 SimulatorConfig builtin_config() { return builtin(); }
 
 SimulatorConfig load_config(const std::string& path) { return Reader(path).read(); }
+
+void prepare_record_directory(const std::string& directory) {
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    if (error) throw ConfigError("cannot record to " + directory + ": " + error.message());
+    if (!std::filesystem::is_directory(directory, error))
+        throw ConfigError("cannot record to " + directory + ": not a directory");
+    if (::access(directory.c_str(), W_OK | X_OK) != 0)
+        throw ConfigError("cannot record to " + directory + ": " + std::strerror(errno));
+}
 
 ListenAddress parse_listen(const std::string& text) {
     const auto colon = text.rfind(':');

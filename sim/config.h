@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "sim/limits.h"
+#include "sim/recording.h"
 #include "sim/router.h"
 
 namespace routerd {
@@ -30,6 +31,7 @@ struct SimulatorConfig {
     std::string listen = "127.0.0.1:2323";
     std::string plugin_path;  // empty: the plug-in the build produced, or the installed one
     Limits limits;
+    RecordSettings record;
     std::map<std::string, std::string> converter;  // the converter's LoadConfig map
     std::vector<LevelSpec> levels;
     std::vector<InitialCrosspoint> crosspoints;
@@ -42,6 +44,10 @@ SimulatorConfig builtin_config();
 
 // Reads a TOML file; throws ConfigError.
 SimulatorConfig load_config(const std::string& path);
+
+// Makes sure recordings can be written to the directory, creating it when
+// missing; throws ConfigError naming it and the reason.
+void prepare_record_directory(const std::string& directory);
 
 // "HOST:PORT", "[v6-address]:PORT"; throws std::invalid_argument.
 struct ListenAddress {

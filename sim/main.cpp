@@ -57,12 +57,16 @@ int main(int argc, char** argv) {
     std::string config_path;
     std::string listen;
     std::string plugin_path;
+    std::string record_directory;
     bool verbose = false;
     app.add_option("-c,--config", config_path, "TOML configuration file (default: built-in router)");
     app.add_option("-l,--listen", listen, "address to listen on, HOST:PORT; port 0 picks a free port "
                                           "(default 127.0.0.1:2323)");
     app.add_option("-p,--plugin", plugin_path, "converter library to load (default: " + default_plugin_path() + ")");
     app.add_flag("-v,--verbose", verbose, "log every line received and every reply, per client");
+    app.add_option("-r,--record", record_directory,
+                   "write every client link's session to a transcript file in this directory "
+                   "(play it back with leitch-replay)");
     app.set_version_flag("--version", std::string("leitch-routerd ") + LEITCH_ROUTERD_VERSION);
     try {
         app.parse(argc, argv);
@@ -80,6 +84,8 @@ int main(int argc, char** argv) {
         if (!listen.empty()) config.listen = listen;
         if (!plugin_path.empty()) config.plugin_path = plugin_path;
         if (config.plugin_path.empty()) config.plugin_path = default_plugin_path();
+        if (!record_directory.empty()) config.record.directory = record_directory;
+        if (!config.record.directory.empty()) routerd::prepare_record_directory(config.record.directory);
 
         auto plugin = plugin_host::PluginLibrary::load(config.plugin_path);
         routerd::Server server(config, plugin, log);

@@ -62,7 +62,7 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
       sessions_(io_.get_executor()),
       switches_(io_.get_executor(), router_, refusals_, [this] { sessions_.flush_waiting(); }),
       context_{std::move(plugin), config.converter, router_, switches_, sessions_, log_, refusals_,
-               config.limits, output_bound(config.limits, config.levels),
+               config.limits, config.record, output_bound(config.limits, config.levels),
                report_room(config.limits, config.levels)},
       acceptor_(io_),
       signals_(io_, SIGINT, SIGTERM),

@@ -13,6 +13,7 @@
 #include "sim/limits.h"
 #include "sim/log.h"
 #include "sim/output_queue.h"
+#include "sim/recording.h"
 #include "host/plugin_library.h"
 #include "sim/router.h"
 #include "sim/switch_queue.h"
@@ -31,6 +32,7 @@ struct SessionContext {
     const Log& log;
     RefusalLog& refusals;
     Limits limits;
+    RecordSettings record;
     std::size_t output_bound;  // the most one event may leave waiting for a client (see limits.h)
     std::size_t report_room;   // router reports that may wait besides a client's own answers
 };
@@ -92,6 +94,8 @@ private:
     void lock_changed(int level, int destination, int state) override;
 
     void introduce_some();
+    void tell_crosspoint(int level, int source, int destination);
+    void tell_lock(int level, int destination, int state);
     void send(const std::string& data);
     std::size_t waiting() const { return output_.size(); }
     void wait_writable();
@@ -117,7 +121,8 @@ private:
     const SessionContext& context_;
     Link link_;
     ClientDriver driver_;
-    plugin_host::PluginLibrary::Instance instance_;  // declared after the link and driver it borrows
+    std::unique_ptr<LinkRecording> recording_;  // --record: this link's transcript
+    plugin_host::PluginLibrary::Instance instance_;  // declared after the link, driver and recording it borrows
     State state_ = State::introducing;
 
     // Where the introduction has got to: level index, then crosspoints or
