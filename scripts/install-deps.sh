@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev               # tests
   libbenchmark-dev                        # benchmarks
   libtomlplusplus-dev libcli11-dev        # simulator configuration file and command line
+  libsqlite3-dev                          # the simulator's durable state
   clang libclang-rt-14-dev                # libFuzzer and sanitizer runtimes
   netcat-openbsd socat                    # real third-party clients in the simulator tests
   valgrind                                # instruction counts for the benchmark table

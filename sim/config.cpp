@@ -246,7 +246,11 @@ public:
         // Whatever the file leaves out keeps its built-in value.
         SimulatorConfig config = builtin();
         config.origin = path_;
-        only_known_keys(root, "", {"server", "plugin", "level", "record"});
+        only_known_keys(root, "", {"server", "plugin", "level", "record", "state"});
+        if (const toml::table* t = table(root, "state", "")) {
+            only_known_keys(*t, "state.", {"file"});
+            if (const toml::node* n = t->get("file")) config.state_file = string(*n, "state.file");
+        }
         if (const toml::table* s = table(root, "server", "")) server(*s, config);
         if (const toml::table* r = table(root, "record", "")) record(*r, config);
         if (const toml::table* p = table(root, "plugin", "")) plugin(*p, config);

@@ -32,6 +32,8 @@ struct SimulatorConfig {
     std::string plugin_path;  // empty: the plug-in the build produced, or the installed one
     Limits limits;
     RecordSettings record;
+    std::string state_file;     // empty: the router's state lives in memory only
+    bool fresh_state = false;   // forget what the state file holds
     std::map<std::string, std::string> converter;  // the converter's LoadConfig map
     std::vector<LevelSpec> levels;
     std::vector<InitialCrosspoint> crosspoints;

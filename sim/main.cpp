@@ -58,12 +58,18 @@ int main(int argc, char** argv) {
     std::string listen;
     std::string plugin_path;
     std::string record_directory;
+    std::string state_file;
+    bool fresh_state = false;
     bool verbose = false;
     app.add_option("-c,--config", config_path, "TOML configuration file (default: built-in router)");
     app.add_option("-l,--listen", listen, "address to listen on, HOST:PORT; port 0 picks a free port "
                                           "(default 127.0.0.1:2323)");
     app.add_option("-p,--plugin", plugin_path, "converter library to load (default: " + default_plugin_path() + ")");
     app.add_flag("-v,--verbose", verbose, "log every line received and every reply, per client");
+    app.add_option("-s,--state", state_file,
+                   "keep the crosspoints and locks in this SQLite file across restarts");
+    app.add_flag("--fresh-state", fresh_state,
+                 "forget what the state file holds and start from the configuration");
     app.add_option("-r,--record", record_directory,
                    "write every client link's session to a transcript file in this directory "
                    "(play it back with leitch-replay)");
@@ -85,6 +91,8 @@ int main(int argc, char** argv) {
         if (!plugin_path.empty()) config.plugin_path = plugin_path;
         if (config.plugin_path.empty()) config.plugin_path = default_plugin_path();
         if (!record_directory.empty()) config.record.directory = record_directory;
+        if (!state_file.empty()) config.state_file = state_file;
+        config.fresh_state = fresh_state;
         if (!config.record.directory.empty()) routerd::prepare_record_directory(config.record.directory);
 
         auto plugin = plugin_host::PluginLibrary::load(config.plugin_path);
@@ -101,6 +109,8 @@ int main(int argc, char** argv) {
         log.info("stopped");
         log.flush();
         return 0;
+    } catch (const routerd::StateError& e) {
+        std::cerr << "leitch-routerd: state error: " << e.what() << '\n';
     } catch (const routerd::ConfigError& e) {
         std::cerr << "leitch-routerd: configuration error: " << e.what() << '\n';
     } catch (const plugin_host::PluginError& e) {

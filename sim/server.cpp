@@ -69,6 +69,13 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
       other_signals_(io_),
       accept_pause_(io_),
       ticker_(io_) {
+    if (!config.state_file.empty()) {
+        state_ = std::make_unique<StateStore>(config.state_file, config.levels, config.fresh_state, log_);
+        const bool restored = state_->restore_into(router_);
+        log_.info(std::string(restored ? "crosspoints and locks restored from " : "crosspoints and locks kept in ") +
+                  config.state_file);
+        router_.set_journal(state_.get());
+    }
     // Signals whose default action would end the simulator without a word.
     for (const int signal : {SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGIO, SIGPWR})
         other_signals_.add(signal);
@@ -112,6 +119,7 @@ void Server::tick() {
     refusals_.end_second();
     log_.end_second();
     sessions_.check_outputs(std::chrono::steady_clock::now());
+    if (state_) state_->retry();
     if (sessions_.take_memory_released()) malloc_trim(0);
     if (stopping_) return;
     ticker_.expires_after(std::chrono::seconds(1));

@@ -14,6 +14,7 @@
 #include "sim/router.h"
 #include "sim/session.h"
 #include "sim/session_manager.h"
+#include "sim/state_store.h"
 #include "sim/switch_queue.h"
 
 namespace routerd {
@@ -30,7 +31,8 @@ public:
 // that do not read and gives freed memory back to the system.
 class Server {
 public:
-    // Binds the listening socket; throws ListenError.
+    // Opens the state file if there is one (throws StateError) and binds the
+    // listening socket (throws ListenError).
     Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host::PluginLibrary> plugin, const Log& log);
 
     // The address actually bound (the real port when 0 was asked for).
@@ -53,6 +55,7 @@ private:
     const Log& log_;
     RefusalLog refusals_;
     Router router_;
+    std::unique_ptr<StateStore> state_;  // --state: kept before clients are told
     SessionManager sessions_;
     SwitchQueue switches_;
     SessionContext context_;
