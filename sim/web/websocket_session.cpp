@@ -41,6 +41,8 @@ void WebSocketSession::run(beast::http::request<beast::http::string_body> reques
     ws_.set_option(timeouts);
     ws_.read_message_max(kMaxReceivedMessage);
     ws_.text(true);
+    // A message leaves as one frame: the page parses it once it is whole anyway.
+    ws_.auto_fragment(false);
     ws_.async_accept(request, [self = shared_from_this()](const boost::system::error_code& ec) { self->on_accept(ec); });
 }
 

@@ -27,20 +27,21 @@ class Routerd:
         if http is not None:
             command += ["--http", http]
         command += list(args)
-        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=open(self.log_path, "wb"))
+        with open(self.log_path, "wb") as log:
+            self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=log)
         first = self.process.stdout.readline().decode()
         if not first.startswith("listening on 127.0.0.1:"):
             self.close()
             raise RuntimeError("leitch-routerd did not start: %r\n%s" % (first, self.log()))
         self.port = int(first.rsplit(":", 1)[1])
         self.web_port = None
-        if http != "off":
+        if http is not None and http != "off":
             second = self.process.stdout.readline().decode()
-            prefix = "web view on http://127.0.0.1:"
+            prefix = "web view on http://"
             if not second.startswith(prefix):
                 self.close()
                 raise RuntimeError("no web view: %r\n%s" % (second, self.log()))
-            self.web_port = int(second[len(prefix):].rstrip("/\n"))
+            self.web_port = int(second.rstrip("/\n").rsplit(":", 1)[1])
 
     @property
     def url(self):
@@ -191,8 +192,10 @@ class WebSocket:
     def receive(self, timeout=5.0):
         """The next text message, parsed; pings are answered on the way."""
         deadline = time.monotonic() + timeout
+        message = b""
         while True:
             self._fill(2, deadline)
+            final = self.buffer[0] & 0x80
             opcode = self.buffer[0] & 0x0F
             length = self.buffer[1] & 0x7F
             offset = 2
@@ -212,8 +215,10 @@ class WebSocket:
                 continue
             if opcode == 0x8:
                 raise EOFError
-            if opcode == 0x1:
-                return json.loads(payload)
+            if opcode in (0x0, 0x1):
+                message += payload
+                if final:
+                    return json.loads(message)
 
     def _send(self, opcode, payload):
         mask = os.urandom(4)
