@@ -13,6 +13,8 @@ packages=(
   clang libclang-rt-14-dev                # libFuzzer and sanitizer runtimes
   netcat-openbsd socat                    # real third-party clients in the simulator tests
   valgrind                                # instruction counts for the benchmark table
+  nlohmann-json3-dev                      # the web view's HTTP API (JSON)
+  chromium chromium-driver python3-selenium  # the web view's tests in a real browser
 )
 
 missing=()

@@ -112,6 +112,28 @@ public:
             config.limits.output_timeout = std::chrono::milliseconds(integer(*n, "server.output_timeout_ms", 100, 3600000));
     }
 
+    void http(const toml::table& http, SimulatorConfig& config) const {
+        only_known_keys(http, "http.", {"listen", "readonly", "max_pages"});
+        if (const toml::node* listen = http.get("listen")) {
+            config.web.listen = string(*listen, "http.listen");
+            config.web.listen_named = true;
+            if (config.web.listen != "off") {
+                try {
+                    parse_listen(config.web.listen);
+                } catch (const std::invalid_argument& e) {
+                    fail(listen->source(), "http.listen", std::string(e.what()) + " or \"off\"");
+                }
+            }
+        }
+        if (const toml::node* readonly = http.get("readonly")) {
+            const auto* value = readonly->as_boolean();
+            if (!value) fail(readonly->source(), "http.readonly", "must be true or false");
+            config.web.readonly = value->get();
+        }
+        if (const toml::node* n = http.get("max_pages"))
+            config.web.max_pages = static_cast<std::size_t>(integer(*n, "http.max_pages", 1, 1024));
+    }
+
     static std::int64_t open_file_limit() {
         rlimit limit{};
         if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 1 << 20;
@@ -246,13 +268,14 @@ public:
         // Whatever the file leaves out keeps its built-in value.
         SimulatorConfig config = builtin();
         config.origin = path_;
-        only_known_keys(root, "", {"server", "plugin", "level", "record", "state"});
+        only_known_keys(root, "", {"server", "plugin", "level", "record", "state", "http"});
         if (const toml::table* t = table(root, "state", "")) {
             only_known_keys(*t, "state.", {"file"});
             if (const toml::node* n = t->get("file")) config.state_file = string(*n, "state.file");
         }
         if (const toml::table* s = table(root, "server", "")) server(*s, config);
         if (const toml::table* r = table(root, "record", "")) record(*r, config);
+        if (const toml::table* h = table(root, "http", "")) http(*h, config);
         if (const toml::table* p = table(root, "plugin", "")) plugin(*p, config);
         if (const toml::node* l = root.get("level")) levels(*l, config);
         check_capacity(root, config);

@@ -26,6 +26,17 @@ struct InitialLock {
     int level, destination, state;
 };
 
+// The web view: the page and the HTTP API, on an address of their own.
+struct WebConfig {
+    static constexpr const char* kDefaultListen = "127.0.0.1:8080";
+    std::string listen = kDefaultListen;  // "off": no web view
+    // Named in the file or on the command line: failing to bind it is an
+    // error. The default address, when taken, only leaves the web view off.
+    bool listen_named = false;
+    bool readonly = false;  // the API and the page refuse every change (403)
+    std::size_t max_pages = 16;
+};
+
 struct SimulatorConfig {
     std::string origin = "built-in default";  // the file it came from
     std::string listen = "127.0.0.1:2323";
@@ -38,6 +49,7 @@ struct SimulatorConfig {
     std::vector<LevelSpec> levels;
     std::vector<InitialCrosspoint> crosspoints;
     std::vector<InitialLock> locks;
+    WebConfig web;
 };
 
 // Two levels, 0 "video" and 1 "audio", of 32 sources by 32 destinations, seen

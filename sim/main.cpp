@@ -61,10 +61,16 @@ int main(int argc, char** argv) {
     std::string state_file;
     bool fresh_state = false;
     bool verbose = false;
+    std::string http;
+    bool http_readonly = false;
     app.add_option("-c,--config", config_path, "TOML configuration file (default: built-in router)");
     app.add_option("-l,--listen", listen, "address to listen on, HOST:PORT; port 0 picks a free port "
                                           "(default 127.0.0.1:2323)");
     app.add_option("-p,--plugin", plugin_path, "converter library to load (default: " + default_plugin_path() + ")");
+    app.add_option("--http", http, "web view and HTTP API address, HOST:PORT, or \"off\"; port 0 picks a free port "
+                                   "(default 127.0.0.1:8080)")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app.add_flag("--http-readonly", http_readonly, "the web view and the HTTP API refuse every change");
     app.add_flag("-v,--verbose", verbose, "log every line received and every reply, per client");
     app.add_option("-s,--state", state_file,
                    "keep the crosspoints and locks in this SQLite file across restarts");
@@ -89,6 +95,18 @@ int main(int argc, char** argv) {
             app.count("--config") == 0 ? routerd::builtin_config() : routerd::load_config(config_path);
         if (!listen.empty()) config.listen = listen;
         if (!plugin_path.empty()) config.plugin_path = plugin_path;
+        if (!http.empty()) {
+            if (http != "off") {
+                try {
+                    routerd::parse_listen(http);
+                } catch (const std::invalid_argument& e) {
+                    throw routerd::ListenError("--http: " + std::string(e.what()) + " or \"off\"");
+                }
+            }
+            config.web.listen = http;
+            config.web.listen_named = true;
+        }
+        if (http_readonly) config.web.readonly = true;
         if (config.plugin_path.empty()) config.plugin_path = default_plugin_path();
         if (!record_directory.empty()) config.record.directory = record_directory;
         if (!state_file.empty()) config.state_file = state_file;
@@ -102,8 +120,10 @@ int main(int argc, char** argv) {
         log.info("router from " + config.origin + ": " + std::to_string(config.levels.size()) +
                  " level(s); plug-in " + config.plugin_path);
         log.capture_standard_error();
-        // Scripts and tests wait for this line; it is the only one on standard output.
+        // Scripts and tests wait for this line; it stays the first on standard output.
         std::printf("listening on %s\n", format_endpoint(server.local_endpoint()).c_str());
+        if (const auto web = server.web_endpoint())
+            std::printf("web view on http://%s/\n", format_endpoint(*web).c_str());
         std::fflush(stdout);
         server.run();
         log.info("stopped");

@@ -60,7 +60,10 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
       refusals_(log),
       router_(build_router(config)),
       sessions_(io_.get_executor()),
-      switches_(io_.get_executor(), router_, refusals_, [this] { sessions_.flush_waiting(); }),
+      switches_(io_.get_executor(), router_, refusals_, [this] {
+          sessions_.flush_waiting();
+          web_->frame_done();
+      }),
       context_{std::move(plugin), config.converter, router_, switches_, sessions_, log_, refusals_,
                config.limits, config.record, output_bound(config.limits, config.levels),
                report_room(config.limits, config.levels)},
@@ -86,6 +89,9 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
     if (!ec) acceptor_.bind(endpoint, ec);
     if (!ec) acceptor_.listen(asio::socket_base::max_listen_connections, ec);
     if (ec) throw ListenError("cannot listen on " + config.listen + ": " + ec.message());
+    web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_);
+    context_.watcher = &web_->state();
+    switches_.watch(&web_->state());
 }
 
 void Server::run() {
@@ -93,6 +99,7 @@ void Server::run() {
     wait_for_other_signals();
     tick();
     do_accept();
+    web_->run();
     io_.run();
 }
 
@@ -120,6 +127,7 @@ void Server::tick() {
     log_.end_second();
     sessions_.check_outputs(std::chrono::steady_clock::now());
     if (state_) state_->retry();
+    web_->tick();
     if (sessions_.take_memory_released()) malloc_trim(0);
     if (stopping_) return;
     ticker_.expires_after(std::chrono::seconds(1));
@@ -202,6 +210,7 @@ void Server::shut_down(int signal) {
     other_signals_.cancel();
     stopping_ = true;
     sessions_.stop_all();
+    web_->stop();
     refusals_.end_second();
 }
 

@@ -16,6 +16,7 @@
 #include "sim/session_manager.h"
 #include "sim/state_store.h"
 #include "sim/switch_queue.h"
+#include "sim/web/web_view.h"
 
 namespace routerd {
 
@@ -37,6 +38,8 @@ public:
 
     // The address actually bound (the real port when 0 was asked for).
     boost::asio::ip::tcp::endpoint local_endpoint() const { return acceptor_.local_endpoint(); }
+    // The web view's address, when it is on.
+    std::optional<boost::asio::ip::tcp::endpoint> web_endpoint() const { return web_->endpoint(); }
 
     // Serves until SIGINT or SIGTERM.
     void run();
@@ -59,6 +62,7 @@ private:
     SessionManager sessions_;
     SwitchQueue switches_;
     SessionContext context_;
+    std::unique_ptr<web::WebView> web_;
     boost::asio::ip::tcp::acceptor acceptor_;
     boost::asio::signal_set signals_;        // SIGINT, SIGTERM: shut down
     boost::asio::signal_set other_signals_;  // logged and ignored

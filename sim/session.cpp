@@ -57,7 +57,11 @@ Session::Session(tcp::socket socket, int id, const SessionContext& context)
       peer_(describe_peer(socket_)),
       context_(context),
       link_(*this),
-      driver_(id, context.router, context.switches, context.log, context.refusals) {}
+      driver_(id, context.router, context.switches, context.log, context.refusals) {
+    info_.id = id;
+    info_.peer = peer_;
+    info_.connected_since = std::chrono::system_clock::now();
+}
 
 Session::~Session() = default;
 
@@ -89,6 +93,7 @@ void Session::start() {
     instance_->LevelList(levels, false);
     context_.router.subscribe(*this);
     context_.log.client_line("client " + std::to_string(id_) + " connected from " + peer_);
+    if (context_.watcher) context_.watcher->client_connected(*this);
     introduce_some();
 }
 
@@ -139,6 +144,7 @@ void Session::stop(const std::string& reason) {
     socket_.close(ignored);
     output_.clear();
     context_.log.client_line("client " + std::to_string(id_) + " (" + peer_ + ") disconnected: " + reason);
+    if (context_.watcher) context_.watcher->client_disconnected(*this, reason);
     context_.manager.leave(shared_from_this());
 }
 
@@ -281,6 +287,7 @@ void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
                     " bytes received without a line end");
     }
     if (context_.log.verbose()) log_received(received_.data(), length);
+    note_lines(received_.data(), length);
     input_begin_ = 0;
     input_end_ = length;
     if (costly()) return schedule_slice();
@@ -374,6 +381,25 @@ void Session::log_received(const char* data, std::size_t length) {
         if (!activity_line_.empty())
             context_.log.activity("client " + std::to_string(id_) + " << \"" + escape(activity_line_) + "\"");
         activity_line_.clear();
+    }
+}
+
+// Report mode as far as the simulator can tell: from the lines that are
+// exactly "@ ?" or "@ !" (the converter itself may see it otherwise, for
+// instance in a line of several commands).
+void Session::note_lines(const char* data, std::size_t length) {
+    for (std::size_t i = 0; i < length; ++i) {
+        const char c = data[i];
+        if (c != '\r' && c != '\n') {
+            if (current_line_.size() < 256) current_line_ += c;
+            continue;
+        }
+        if (current_line_.empty()) continue;
+        ++info_.lines_received;
+        if (current_line_ == "@ ?") info_.report_mode = true;
+        if (current_line_ == "@ !") info_.report_mode = false;
+        info_.last_line.swap(current_line_);
+        current_line_.clear();
     }
 }
 

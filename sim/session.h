@@ -21,6 +21,28 @@
 namespace routerd {
 
 class SessionManager;
+class Session;
+
+// Told when a client comes and goes (the web view's activity log).
+class SessionWatcher {
+public:
+    virtual void client_connected(const Session& session) = 0;
+    virtual void client_disconnected(const Session& session, const std::string& reason) = 0;
+
+protected:
+    ~SessionWatcher() = default;
+};
+
+// What the simulator can tell of a client from outside its converter instance.
+struct ClientInfo {
+    int id = 0;
+    std::string peer;
+    std::chrono::system_clock::time_point connected_since;
+    std::size_t lines_received = 0;
+    std::string last_line;  // the first 256 bytes of it
+    // From the last "@ ?" (on) or "@ !" (off) line received.
+    bool report_mode = false;
+};
 
 // What every session shares.
 struct SessionContext {
@@ -35,6 +57,7 @@ struct SessionContext {
     RecordSettings record;
     std::size_t output_bound;  // the most one event may leave waiting for a client (see limits.h)
     std::size_t report_room;   // router reports that may wait besides a client's own answers
+    SessionWatcher* watcher = nullptr;
 };
 
 // One client connection: its socket, its converter instance with the instance's
@@ -64,6 +87,7 @@ public:
     void stop(const std::string& reason);
 
     int id() const { return id_; }
+    const ClientInfo& info() const { return info_; }
     // Writes what the instance has sent, as far as the socket takes it now.
     void flush();
     // Disconnects a client whose output has not moved for the output timeout.
@@ -110,6 +134,7 @@ private:
     std::size_t slice_end() const;
     bool line_too_long(const char* data, std::size_t length);
     void log_received(const char* data, std::size_t length);
+    void note_lines(const char* data, std::size_t length);
     void log_sent();
     void drop(const std::string& reason);
     bool behind_the_router() const;
@@ -143,6 +168,8 @@ private:
     bool costly() const;
     std::size_t bytes_since_line_end_ = 0;
     std::string activity_line_;  // the verbose log's unfinished received line
+    ClientInfo info_;
+    std::string current_line_;   // received since the last line end, cut at 256 bytes
 
     OutputQueue output_;       // sent by the instance, not taken by the socket yet
     std::size_t most_waiting_ = 0;  // since the output was last all taken
