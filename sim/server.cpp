@@ -90,6 +90,7 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
     if (!ec) acceptor_.listen(asio::socket_base::max_listen_connections, ec);
     if (ec) throw ListenError("cannot listen on " + config.listen + ": " + ec.message());
     web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_);
+    web_->state().set_store(state_.get());
     context_.watcher = &web_->state();
     switches_.watch(&web_->state());
 }

@@ -38,7 +38,9 @@ const char* const kSchema =
     "CREATE TABLE IF NOT EXISTS crosspoints (level INTEGER NOT NULL, destination INTEGER NOT NULL,"
     " source INTEGER NOT NULL, PRIMARY KEY (level, destination)) WITHOUT ROWID;"
     "CREATE TABLE IF NOT EXISTS locks (level INTEGER NOT NULL, destination INTEGER NOT NULL,"
-    " state INTEGER NOT NULL, PRIMARY KEY (level, destination)) WITHOUT ROWID;";
+    " state INTEGER NOT NULL, PRIMARY KEY (level, destination)) WITHOUT ROWID;"
+    "CREATE TABLE IF NOT EXISTS salvos (name TEXT NOT NULL, level INTEGER NOT NULL, destination INTEGER NOT NULL,"
+    " source INTEGER NOT NULL, PRIMARY KEY (name, level, destination)) WITHOUT ROWID;";
 
 std::string levels_text(const std::vector<LevelSpec>& levels) {
     std::string text;
@@ -197,6 +199,67 @@ bool StateStore::commit_unsaved() {
     }
     failing_ = true;
     return false;
+}
+
+void StateStore::save_salvo(const std::string& name, const Router& router, const LevelSpec* only) {
+    bool ok = sqlite3_exec(db_, "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK;
+    {
+        Statement forget(db_, "DELETE FROM salvos WHERE name = ?");
+        ok = ok && forget.ok();
+        if (ok) sqlite3_bind_text(forget.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
+        ok = ok && forget.run({});
+        Statement insert(db_, "INSERT INTO salvos VALUES (?, ?, ?, ?)");
+        ok = ok && insert.ok();
+        for (const LevelSpec& level : router.levels()) {
+            if (!ok) break;
+            if (only && only->number != level.number) continue;
+            for (int destination = 0; ok && destination < level.destinations; ++destination) {
+                sqlite3_bind_text(insert.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
+                sqlite3_bind_int(insert.get(), 2, level.number);
+                sqlite3_bind_int(insert.get(), 3, destination);
+                sqlite3_bind_int(insert.get(), 4, router.source_of(level.number, destination));
+                ok = sqlite3_step(insert.get()) == SQLITE_DONE;
+                sqlite3_reset(insert.get());
+            }
+        }
+    }
+    ok = ok && sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+    if (ok) return;
+    const std::string reason = sqlite3_errmsg(db_);
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    throw StateError(path_ + ": cannot save the routing " + name + ": " + reason);
+}
+
+std::vector<Salvo> StateStore::salvos() const {
+    std::vector<Salvo> list;
+    Statement select(db_, "SELECT name, level, COUNT(*) FROM salvos GROUP BY name, level ORDER BY name, level");
+    while (select.ok() && sqlite3_step(select.get()) == SQLITE_ROW) {
+        const std::string name = reinterpret_cast<const char*>(sqlite3_column_text(select.get(), 0));
+        if (list.empty() || list.back().name != name) list.push_back({name, {}, 0});
+        list.back().levels.push_back(sqlite3_column_int(select.get(), 1));
+        list.back().crosspoints += static_cast<std::size_t>(sqlite3_column_int(select.get(), 2));
+    }
+    return list;
+}
+
+bool StateStore::delete_salvo(const std::string& name) {
+    Statement forget(db_, "DELETE FROM salvos WHERE name = ?");
+    if (!forget.ok()) throw StateError(path_ + ": cannot delete the routing " + name + ": " + sqlite3_errmsg(db_));
+    sqlite3_bind_text(forget.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
+    if (!forget.run({})) throw StateError(path_ + ": cannot delete the routing " + name + ": " + sqlite3_errmsg(db_));
+    return sqlite3_changes(db_) > 0;
+}
+
+std::vector<SalvoCrosspoint> StateStore::salvo(const std::string& name) const {
+    std::vector<SalvoCrosspoint> crosspoints;
+    Statement select(db_, "SELECT level, destination, source FROM salvos WHERE name = ? ORDER BY level, destination");
+    if (!select.ok()) return crosspoints;
+    sqlite3_bind_text(select.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
+    while (sqlite3_step(select.get()) == SQLITE_ROW) {
+        crosspoints.push_back({sqlite3_column_int(select.get(), 0), sqlite3_column_int(select.get(), 1),
+                               sqlite3_column_int(select.get(), 2)});
+    }
+    return crosspoints;
 }
 
 }  // namespace routerd

@@ -28,6 +28,17 @@ public:
 // (so the frame is the group commit); a commit that fails is logged, its
 // changes kept in memory and tried again with the next frame or a second
 // later, and the simulator goes on serving.
+// A saved routing: the crosspoints of one level or of all levels, under a name.
+struct Salvo {
+    std::string name;
+    std::vector<int> levels;   // the router levels it holds
+    std::size_t crosspoints = 0;
+};
+
+struct SalvoCrosspoint {
+    int level, destination, source;
+};
+
 class StateStore final : public RouterJournal {
 public:
     // Opens or creates the file and takes it for this process alone. `fresh`
@@ -45,6 +56,15 @@ public:
     // Tries again to write changes that failed to commit.
     void retry();
     std::size_t unsaved() const { return unsaved_.size(); }
+
+    // Saved routings ("salvos"), in the same file. Saving under a name that
+    // exists replaces it. Throws StateError when the file cannot be written.
+    void save_salvo(const std::string& name, const Router& router, const LevelSpec* level);
+    std::vector<Salvo> salvos() const;
+    // False when there is no salvo of that name.
+    bool delete_salvo(const std::string& name);
+    // Empty when there is no salvo of that name.
+    std::vector<SalvoCrosspoint> salvo(const std::string& name) const;
 
 private:
     using Key = std::tuple<int, int, int>;  // kind, level, destination

@@ -161,6 +161,95 @@ ApiReply lock(WebState& state, const LevelSpec& level, const std::string& body) 
     return ok({{"destination", destination}, {"locked", lock_state == 1}});
 }
 
+// Saved routings live in the state file.
+StateStore& salvo_store(WebState& state) {
+    if (!state.store())
+        reject(http::status::conflict, "saved routings are kept in the state file: start with --state FILE");
+    return *state.store();
+}
+
+// Names go in URLs: letters, digits, '-', '_' and '.', up to 64 of them.
+std::string salvo_name(std::string_view name, const std::string& field) {
+    const bool fits = !name.empty() && name.size() <= 64 &&
+                      name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.") ==
+                          std::string_view::npos;
+    if (!fits)
+        reject(http::status::bad_request, field + " must be 1 to 64 letters, digits, '-', '_' or '.'", field);
+    return std::string(name);
+}
+
+json salvo_json(const Salvo& salvo) {
+    return {{"name", salvo.name}, {"levels", salvo.levels}, {"crosspoints", salvo.crosspoints}};
+}
+
+ApiReply list_salvos(WebState& state) {
+    json list = json::array();
+    for (const Salvo& salvo : salvo_store(state).salvos()) list.push_back(salvo_json(salvo));
+    return ok({{"salvos", list}});
+}
+
+const LevelSpec& find_level(const WebState& state, std::string_view text);
+
+ApiReply save_salvo(WebState& state, const std::string& body) {
+    refuse_when_readonly(state);
+    StateStore& store = salvo_store(state);
+    const json request = parse_body(body);
+    const auto name = request.find("name");
+    if (name == request.end()) reject(http::status::bad_request, "missing field name", "name");
+    if (!name->is_string()) reject(http::status::bad_request, "name must be a string", "name");
+    const LevelSpec* level = nullptr;
+    if (request.contains("level")) {
+        const int number = integer_field(request, "level", "level");
+        level = state.router().find_level(number);
+        if (!level) reject(http::status::not_found, "no level " + std::to_string(number), "level");
+    }
+    const std::string saved = salvo_name(name->get<std::string>(), "name");
+    try {
+        store.save_salvo(saved, state.router(), level);
+    } catch (const StateError& e) {
+        reject(http::status::internal_server_error, e.what());
+    }
+    for (const Salvo& salvo : store.salvos()) {
+        if (salvo.name == saved) return ok(salvo_json(salvo));
+    }
+    return ok({{"name", saved}});
+}
+
+ApiReply delete_salvo(WebState& state, std::string_view name) {
+    refuse_when_readonly(state);
+    const std::string deleted = salvo_name(name, "name");
+    try {
+        if (!salvo_store(state).delete_salvo(deleted)) reject(http::status::not_found, "no saved routing " + deleted, "name");
+    } catch (const StateError& e) {
+        reject(http::status::internal_server_error, e.what());
+    }
+    return ok({{"deleted", deleted}});
+}
+
+// A recall is every crosspoint of the routing taken through the switch queue,
+// in this one event, like a client's takes: locked destinations are refused
+// (and listed), the rest are told to every client on the next frame.
+ApiReply recall_salvo(WebState& state, std::string_view name) {
+    refuse_when_readonly(state);
+    const std::string recalled = salvo_name(name, "name");
+    const std::vector<SalvoCrosspoint> crosspoints = salvo_store(state).salvo(recalled);
+    if (crosspoints.empty()) reject(http::status::not_found, "no saved routing " + recalled, "name");
+    int applied = 0;
+    json refused_list = json::array();
+    for (const SalvoCrosspoint& c : crosspoints) {
+        const Refusal refusal = state.switches().take(kWebClient, c.level, c.source, c.destination);
+        if (refusal == Refusal::none) {
+            ++applied;
+        } else {
+            refused_list.push_back({{"level", c.level},
+                                    {"destination", c.destination},
+                                    {"source", c.source},
+                                    {"reason", describe(refusal)}});
+        }
+    }
+    return ok({{"name", recalled}, {"applied", applied}, {"refused", refused_list}});
+}
+
 const LevelSpec& find_level(const WebState& state, std::string_view text) {
     const std::optional<long long> number = parse_number(text);
     const LevelSpec* level = nullptr;
@@ -190,6 +279,19 @@ ApiReply route(WebState& state, http::verb method, std::string_view path, std::s
         expect_method(method, http::verb::post);
         const LevelSpec& level = find_level(state, parts[2]);
         return parts[3] == "take" ? take(state, level, body) : lock(state, level, body);
+    }
+    if (parts.size() == 2 && parts[1] == "salvos") {
+        if (method == http::verb::post) return save_salvo(state, body);
+        expect_method(method, http::verb::get);
+        return list_salvos(state);
+    }
+    if (parts.size() == 3 && parts[1] == "salvos") {
+        expect_method(method, http::verb::delete_);
+        return delete_salvo(state, parts[2]);
+    }
+    if (parts.size() == 4 && parts[1] == "salvos" && parts[3] == "recall") {
+        expect_method(method, http::verb::post);
+        return recall_salvo(state, parts[2]);
     }
     if (parts.size() == 2 && parts[1] == "clients") {
         expect_method(method, http::verb::get);

@@ -16,6 +16,7 @@
 #include "sim/router.h"
 #include "sim/session.h"
 #include "sim/session_manager.h"
+#include "sim/state_store.h"
 #include "sim/switch_queue.h"
 #include "sim/web/activity_log.h"
 
@@ -42,6 +43,9 @@ public:
     const Log& log() const { return log_; }
     Router& router() { return router_; }
     SwitchQueue& switches() { return switches_; }
+    // The state file, where saved routings live; null without --state.
+    StateStore* store() { return store_; }
+    void set_store(StateStore* store) { store_ = store; }
 
     // The Leitch level a router level is seen as, or -1.
     int leitch_level(int level) const;
@@ -82,6 +86,7 @@ private:
     WebConfig config_;
     std::vector<int> leitch_levels_;  // the router level of each Leitch level
     Router& router_;
+    StateStore* store_ = nullptr;
     SwitchQueue& switches_;
     SessionManager& sessions_;
     const Log& log_;

@@ -1,8 +1,10 @@
 """The web view's HTTP API and WebSocket push, without a browser."""
 
 import os
+import shutil
 import socket
 import sys
+import tempfile
 import time
 import unittest
 
@@ -111,6 +113,91 @@ class Api(unittest.TestCase):
         self.assertIn('<canvas id="grid">', page)
         self.assertEqual(request(self.routerd, "GET", "/app.js")[0], 200)
         self.assertEqual(request(self.routerd, "GET", "/style.css")[0], 200)
+
+
+class SavedRoutings(unittest.TestCase):
+    """Salvos: kept in the state file, recalled as takes through the router."""
+
+    def setUp(self):
+        self.directory = tempfile.mkdtemp(prefix="routerd-salvos-")
+        self.addCleanup(lambda: shutil.rmtree(self.directory, ignore_errors=True))
+        self.routerd = Routerd("--state", os.path.join(self.directory, "state.db"))
+        self.addCleanup(lambda: self.routerd.close())
+
+    def take(self, level, destination, source):
+        self.assertEqual(request(self.routerd, "POST", "/api/levels/%d/take" % level,
+                                 {"destination": destination, "source": source}), (200, {"applied": 1}))
+
+    def test_save_list_recall_and_delete(self):
+        self.take(0, 5, 3)
+        self.take(1, 2, 4)
+        self.assertEqual(request(self.routerd, "POST", "/api/salvos", {"name": "morning"}),
+                         (200, {"name": "morning", "levels": [0, 1], "crosspoints": 64}))
+        self.assertEqual(request(self.routerd, "POST", "/api/salvos", {"name": "video-only", "level": 0}),
+                         (200, {"name": "video-only", "levels": [0], "crosspoints": 32}))
+        self.assertEqual(request(self.routerd, "GET", "/api/salvos"), (200, {"salvos": [
+            {"name": "morning", "levels": [0, 1], "crosspoints": 64},
+            {"name": "video-only", "levels": [0], "crosspoints": 32}]}))
+
+        self.take(0, 5, 9)
+        self.take(1, 2, 8)
+        client = LeitchClient(self.routerd.port)
+        client.report_mode()
+        self.assertEqual(request(self.routerd, "POST", "/api/salvos/morning/recall"),
+                         (200, {"name": "morning", "applied": 64, "refused": []}))
+        # Reported like any other take: one report per destination, in the saved order.
+        reports = client.read_until("S:11F,0\r\n>")
+        self.assertIsNotNone(reports)
+        self.assertEqual(reports.count("\r\nS:"), 64)
+        self.assertIn("\r\nS:05,3\r\n>", reports)
+        self.assertIn("\r\nS:12,4\r\n>", reports)
+        status, level = request(self.routerd, "GET", "/api/levels/0")
+        self.assertEqual(level["crosspoints"][5], 3)
+
+        self.assertEqual(request(self.routerd, "DELETE", "/api/salvos/morning"), (200, {"deleted": "morning"}))
+        self.assertEqual(request(self.routerd, "GET", "/api/salvos"), (200, {"salvos": [
+            {"name": "video-only", "levels": [0], "crosspoints": 32}]}))
+        client.close()
+
+    def test_a_recall_refuses_locked_destinations_and_says_so(self):
+        self.take(0, 6, 2)
+        request(self.routerd, "POST", "/api/salvos", {"name": "show", "level": 0})
+        self.take(0, 6, 5)
+        self.assertEqual(request(self.routerd, "POST", "/api/levels/0/lock", {"destination": 6, "locked": True}),
+                         (200, {"destination": 6, "locked": True}))
+        self.assertEqual(request(self.routerd, "POST", "/api/salvos/show/recall"), (200, {
+            "name": "show", "applied": 31,
+            "refused": [{"level": 0, "destination": 6, "source": 2, "reason": "destination locked"}]}))
+        status, level = request(self.routerd, "GET", "/api/levels/0")
+        self.assertEqual(level["crosspoints"][6], 5)
+        self.assertTrue(self.routerd.log_contains("web: refused take of source 2 to destination 6 on level 0: "
+                                                  "destination locked"))
+
+    def test_unknown_names_and_bad_requests(self):
+        self.assertEqual(request(self.routerd, "POST", "/api/salvos/nothing/recall"),
+                         (404, {"error": "no saved routing nothing", "field": "name"}))
+        self.assertEqual(request(self.routerd, "DELETE", "/api/salvos/nothing"),
+                         (404, {"error": "no saved routing nothing", "field": "name"}))
+        self.assertEqual(request(self.routerd, "POST", "/api/salvos", {"name": "a b"}),
+                         (400, {"error": "name must be 1 to 64 letters, digits, '-', '_' or '.'", "field": "name"}))
+        self.assertEqual(request(self.routerd, "POST", "/api/salvos", {"level": 0}),
+                         (400, {"error": "missing field name", "field": "name"}))
+        self.assertEqual(request(self.routerd, "POST", "/api/salvos", {"name": "x", "level": 7}),
+                         (404, {"error": "no level 7", "field": "level"}))
+
+    def test_saved_routings_outlive_a_restart(self):
+        self.take(0, 9, 1)
+        request(self.routerd, "POST", "/api/salvos", {"name": "kept"})
+        self.routerd.close()
+        self.routerd = Routerd("--state", os.path.join(self.directory, "state.db"))
+        self.assertEqual(request(self.routerd, "GET", "/api/salvos"), (200, {"salvos": [
+            {"name": "kept", "levels": [0, 1], "crosspoints": 64}]}))
+
+    def test_without_a_state_file_there_are_none(self):
+        other = Routerd()
+        self.addCleanup(lambda: other.close())
+        self.assertEqual(request(other, "GET", "/api/salvos"), (409, {
+            "error": "saved routings are kept in the state file: start with --state FILE"}))
 
 
 class Security(unittest.TestCase):
