@@ -3,6 +3,7 @@
 import os
 import shutil
 import socket
+import subprocess
 import sys
 import tempfile
 import time
@@ -192,6 +193,30 @@ class SavedRoutings(unittest.TestCase):
         self.routerd = Routerd("--state", os.path.join(self.directory, "state.db"))
         self.assertEqual(request(self.routerd, "GET", "/api/salvos"), (200, {"salvos": [
             {"name": "kept", "levels": [0, 1], "crosspoints": 64}]}))
+
+    def test_the_command_line_tool_saves_lists_recalls_and_deletes(self):
+        def salvo(*args):
+            done = subprocess.run([os.environ["LEITCH_SALVO"], "--http", self.routerd.host] + list(args),
+                                  capture_output=True, text=True, timeout=30)
+            return done.returncode, done.stdout, done.stderr
+
+        self.take(0, 5, 3)
+        self.assertEqual(salvo("save", "evening", "--level", "0"),
+                         (0, "saved evening: levels 0, 32 crosspoints\n", ""))
+        self.assertEqual(salvo("list"), (0, "evening\tlevels 0\t32 crosspoints\n", ""))
+        self.take(0, 5, 4)
+        request(self.routerd, "POST", "/api/levels/0/lock", {"destination": 6, "locked": True})
+        self.assertEqual(salvo("recall", "evening"), (1, "recalled evening: 31 taken, 1 refused\n"
+                                                         "  refused: level 0 destination 6 source 0: destination locked\n",
+                                                      ""))
+        status, level = request(self.routerd, "GET", "/api/levels/0")
+        self.assertEqual(level["crosspoints"][5], 3)
+        self.assertEqual(salvo("delete", "evening"), (0, "deleted evening\n", ""))
+        self.assertEqual(salvo("recall", "evening"), (1, "", "leitch-salvo: no saved routing evening (HTTP 404)\n"))
+        done = subprocess.run([os.environ["LEITCH_SALVO"], "--http", "127.0.0.1:1", "list"],
+                              capture_output=True, text=True, timeout=30)
+        self.assertEqual(done.returncode, 2)
+        self.assertIn("cannot reach the simulator at 127.0.0.1:1", done.stderr)
 
     def test_without_a_state_file_there_are_none(self):
         other = Routerd()
