@@ -137,6 +137,30 @@ class Page(unittest.TestCase):
         self.assertEqual(self.browser.find_element("id", "grid").get_attribute("data-destinations"), "1152")
         client.close()
 
+    def test_saved_routing_is_saved_and_recalled_from_the_page(self):
+        state_directory = tempfile.mkdtemp(prefix="leitch-state-")
+        self.addCleanup(lambda: shutil.rmtree(state_directory, ignore_errors=True))
+        self.routerd.close()
+        self.routerd = Routerd("--state", os.path.join(state_directory, "state.db"))
+        self.open_page()
+        client = LeitchClient(self.routerd.port)
+        client.send("@ X:0/3,7\r")
+        self.assertTrue(eventually(lambda: self.view("source(0, 3)") == 7))
+        self.browser.find_element("id", "salvo-name").send_keys("rehearsal")
+        self.browser.find_element("css selector", "#salvo-save button").click()
+        self.assertTrue(eventually(lambda: [s["name"] for s in self.view("salvos()")] == ["rehearsal"]))
+
+        client.send("@ X:0/3,1\r")
+        self.assertTrue(eventually(lambda: self.view("source(0, 3)") == 1))
+        client.report_mode()
+        self.browser.find_element("css selector", '#salvos li[data-name="rehearsal"] button').click()
+        reports = client.read_until("S:11F,0\r\n>", timeout=5.0)
+        self.assertIsNotNone(reports)
+        self.assertIn("\r\nS:03,7\r\n>", reports)
+        self.assertTrue(eventually(lambda: self.view("source(0, 3)") == 7))
+        self.assertTrue(eventually(lambda: self.view("message()") == "recalled rehearsal: 64 taken"))
+        client.close()
+
     def test_page_reconnects_after_the_simulator_restarts(self):
         port = self.routerd.web_port
         self.assertEqual(self.routerd.stop(), 0)

@@ -15,6 +15,7 @@
     byNumber: new Map(),
     current: null,         // the level shown
     readonlyServer: false,
+    salvos: [],
     clients: [],
     events: [],
     connected: false,
@@ -404,6 +405,7 @@
     addEvents(message.events);
     renderActivity(true);
     renderClients();
+    loadSalvos();
     select(state.byNumber.has(shown) ? shown : state.levels.length ? state.levels[0].number : null);
     setConnection('open', 'live');
   }
@@ -444,6 +446,73 @@
       showMessage('not sent: ' + error.message, 'error');
     }
   }
+
+  // ------------------------------------------------------------- saved routings (need --state)
+
+  async function request(method, path, body) {
+    const options = { method, headers: { 'Content-Type': 'application/json' } };
+    if (body !== undefined) options.body = JSON.stringify(body);
+    const response = await fetch(path, options);
+    return { ok: response.ok, status: response.status, answer: await response.json() };
+  }
+
+  async function loadSalvos() {
+    const list = $('salvos');
+    try {
+      const { ok, answer } = await request('GET', '/api/salvos');
+      state.salvos = ok ? answer.salvos : [];
+      list.replaceChildren();
+      if (!ok) {
+        const li = document.createElement('li');
+        li.className = 'none';
+        li.textContent = answer.error;
+        list.append(li);
+        return;
+      }
+      for (const salvo of answer.salvos) {
+        const li = document.createElement('li');
+        li.dataset.name = salvo.name;
+        const label = document.createElement('span');
+        label.textContent = `${salvo.name} (levels ${salvo.levels.join(', ')})`;
+        const recall = document.createElement('button');
+        recall.textContent = 'recall';
+        recall.addEventListener('click', () => salvoAction('POST', `/api/salvos/${salvo.name}/recall`));
+        const remove = document.createElement('button');
+        remove.textContent = 'delete';
+        remove.addEventListener('click', () => salvoAction('DELETE', `/api/salvos/${salvo.name}`));
+        li.append(label, recall, remove);
+        list.append(li);
+      }
+    } catch (error) {
+      showMessage('saved routings: ' + error.message, 'error');
+    }
+  }
+
+  async function salvoAction(method, path, body) {
+    if ($('readonly').checked) {
+      showMessage('read-only: nothing changed', 'error');
+      return;
+    }
+    try {
+      const { ok, answer } = await request(method, path, body);
+      if (!ok) showMessage(`refused: ${answer.error}`, 'refusal');
+      else if (answer.refused && answer.refused.length)
+        showMessage(`recalled ${answer.name}: ${answer.applied} taken, ${answer.refused.length} refused ` +
+                    `(${answer.refused.map((r) => `dst ${num(r.destination)}: ${r.reason}`).join('; ')})`, 'refusal');
+      else if (answer.applied !== undefined) showMessage(`recalled ${answer.name}: ${answer.applied} taken`, '');
+      else showMessage('', '');
+    } catch (error) {
+      showMessage('not sent: ' + error.message, 'error');
+    }
+    loadSalvos();
+  }
+
+  $('salvo-save').addEventListener('submit', (event) => {
+    event.preventDefault();
+    const body = { name: $('salvo-name').value.trim() };
+    if ($('salvo-scope').value === 'level' && state.current) body.level = state.current.number;
+    salvoAction('POST', '/api/salvos', body);
+  });
 
   function take(destination, source) {
     const level = state.current;
@@ -534,6 +603,7 @@
     message: () => $('message').textContent,
     firstPaint: () => state.firstPaint,
     paintLog: () => state.paintLog.slice(),
+    salvos: () => state.salvos.map(({ name, levels, crosspoints }) => ({ name, levels, crosspoints })),
     select,
     scrollToDestination,
     // The centre of a cell or a lock box in page coordinates, once scrolled into view.
