@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_input.h"
-#include "support/transcript.h"
+#include "host/transcript.h"
 
 namespace {
 
@@ -79,11 +79,11 @@ void config(std::string& out, const std::map<std::string, std::string>& keys) {
     out += text;
 }
 
-std::string encode(const testhost::Transcript& scenario, bool bytewise) {
+std::string encode(const plugin_host::Transcript& scenario, bool bytewise) {
     std::string out;
     std::map<std::string, std::string> keys;
     bool configuring = false;
-    for (const testhost::TranscriptStep& step : scenario.steps) {
+    for (const plugin_host::TranscriptStep& step : scenario.steps) {
         const std::vector<std::string>& args = step.args;
         if (step.action == "config") {
             configuring = true;
@@ -130,7 +130,7 @@ int main(int argc, char** argv) {
     for (const auto& entry : fs::directory_iterator(argv[1])) {
         if (entry.path().extension() != ".txt") continue;
         const std::string stem = entry.path().stem().string();
-        const testhost::Transcript scenario = testhost::load_transcript(entry.path().string());
+        const plugin_host::Transcript scenario = plugin_host::load_transcript(entry.path().string());
         for (const bool bytewise : {false, true}) {
             std::ofstream(output / (stem + (bytewise ? ".bytewise" : "")), std::ios::binary)
                 << encode(scenario, bytewise);

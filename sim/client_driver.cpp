@@ -4,7 +4,10 @@
 
 namespace routerd {
 
+using Operation = plugin_host::AnsweringDriver::Operation;
+
 void ClientDriver::TakePresets() {
+    if (recording_) recording_->called(Operation::kTakePresets);
     if (log_.verbose())
         log_.activity("client " + std::to_string(client_) + ": take " + std::to_string(presets_.size()) +
                       " preset(s)");
@@ -14,11 +17,13 @@ void ClientDriver::TakePresets() {
 }
 
 void ClientDriver::ClearPresets() {
+    if (recording_) recording_->called(Operation::kClearPresets);
     presets_.clear();
     preset_index_.clear();
 }
 
 void ClientDriver::PresetCrosspoint(int level, int source, int destination) {
+    if (recording_) recording_->called(Operation::kPresetCrosspoint, level, source, destination);
     const Refusal refusal = router_.check_crosspoint(level, source, destination);
     if (refusal != Refusal::none) {
         refusals_.refused(client_, "presets", level, describe(refusal), [&] {
@@ -35,6 +40,7 @@ void ClientDriver::PresetCrosspoint(int level, int source, int destination) {
 }
 
 void ClientDriver::LockCrosspoint(int level, int destination, int state) {
+    if (recording_) recording_->called(Operation::kLockCrosspoint, level, destination, state);
     switches_.lock(client_, level, destination, state);
 }
 

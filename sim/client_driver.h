@@ -6,6 +6,7 @@
 
 #include "framework/command_driver.h"
 #include "sim/log.h"
+#include "sim/recording.h"
 #include "sim/router.h"
 #include "sim/switch_queue.h"
 
@@ -26,6 +27,9 @@ public:
 
     std::size_t presets_waiting() const { return presets_.size(); }
 
+    // Every call from now on is written to `recording` too (null: no more).
+    void record_to(LinkRecording* recording) { recording_ = recording; }
+
 private:
     struct Preset {
         int level, source, destination;
@@ -40,6 +44,7 @@ private:
     SwitchQueue& switches_;
     const Log& log_;
     RefusalLog& refusals_;
+    LinkRecording* recording_ = nullptr;
     // One preset per destination, as on a router's preset bus: presetting a
     // destination again replaces its source. So the queue never outgrows the router.
     std::vector<Preset> presets_;

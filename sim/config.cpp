@@ -2,10 +2,12 @@
 
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <set>
@@ -110,6 +112,28 @@ public:
             config.limits.output_timeout = std::chrono::milliseconds(integer(*n, "server.output_timeout_ms", 100, 3600000));
     }
 
+    void http(const toml::table& http, SimulatorConfig& config) const {
+        only_known_keys(http, "http.", {"listen", "readonly", "max_pages"});
+        if (const toml::node* listen = http.get("listen")) {
+            config.web.listen = string(*listen, "http.listen");
+            config.web.listen_named = true;
+            if (config.web.listen != "off") {
+                try {
+                    parse_listen(config.web.listen);
+                } catch (const std::invalid_argument& e) {
+                    fail(listen->source(), "http.listen", std::string(e.what()) + " or \"off\"");
+                }
+            }
+        }
+        if (const toml::node* readonly = http.get("readonly")) {
+            const auto* value = readonly->as_boolean();
+            if (!value) fail(readonly->source(), "http.readonly", "must be true or false");
+            config.web.readonly = value->get();
+        }
+        if (const toml::node* n = http.get("max_pages"))
+            config.web.max_pages = static_cast<std::size_t>(integer(*n, "http.max_pages", 1, 1024));
+    }
+
     static std::int64_t open_file_limit() {
         rlimit limit{};
         if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 1 << 20;
@@ -141,6 +165,13 @@ public:
             fail(node->source(), "level",
                  "at most " + std::to_string(most) + " destinations in all levels together (these have " +
                      std::to_string(total) + ")" + limits);
+    }
+
+    void record(const toml::table& record, SimulatorConfig& config) const {
+        only_known_keys(record, "record.", {"directory", "max_bytes"});
+        if (const toml::node* n = record.get("directory")) config.record.directory = string(*n, "record.directory");
+        if (const toml::node* n = record.get("max_bytes"))
+            config.record.max_bytes = static_cast<std::size_t>(integer(*n, "record.max_bytes", 1024, std::int64_t{1} << 40));
     }
 
     void plugin(const toml::table& plugin, SimulatorConfig& config) const {
@@ -237,8 +268,14 @@ public:
         // Whatever the file leaves out keeps its built-in value.
         SimulatorConfig config = builtin();
         config.origin = path_;
-        only_known_keys(root, "", {"server", "plugin", "level"});
+        only_known_keys(root, "", {"server", "plugin", "level", "record", "state", "http"});
+        if (const toml::table* t = table(root, "state", "")) {
+            only_known_keys(*t, "state.", {"file"});
+            if (const toml::node* n = t->get("file")) config.state_file = string(*n, "state.file");
+        }
         if (const toml::table* s = table(root, "server", "")) server(*s, config);
+        if (const toml::table* r = table(root, "record", "")) record(*r, config);
+        if (const toml::table* h = table(root, "http", "")) http(*h, config);
         if (const toml::table* p = table(root, "plugin", "")) plugin(*p, config);
         if (const toml::node* l = root.get("level")) levels(*l, config);
         check_capacity(root, config);
@@ -270,6 +307,16 @@ private:
 SimulatorConfig builtin_config() { return builtin(); }
 
 SimulatorConfig load_config(const std::string& path) { return Reader(path).read(); }
+
+void prepare_record_directory(const std::string& directory) {
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    if (error) throw ConfigError("cannot record to " + directory + ": " + error.message());
+    if (!std::filesystem::is_directory(directory, error))
+        throw ConfigError("cannot record to " + directory + ": not a directory");
+    if (::access(directory.c_str(), W_OK | X_OK) != 0)
+        throw ConfigError("cannot record to " + directory + ": " + std::strerror(errno));
+}
 
 ListenAddress parse_listen(const std::string& text) {
     const auto colon = text.rfind(':');

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "sim/limits.h"
+#include "sim/recording.h"
 #include "sim/router.h"
 
 namespace routerd {
@@ -25,15 +26,30 @@ struct InitialLock {
     int level, destination, state;
 };
 
+// The web view: the page and the HTTP API, on an address of their own.
+struct WebConfig {
+    static constexpr const char* kDefaultListen = "127.0.0.1:8080";
+    std::string listen = kDefaultListen;  // "off": no web view
+    // Named in the file or on the command line: failing to bind it is an
+    // error. The default address, when taken, only leaves the web view off.
+    bool listen_named = false;
+    bool readonly = false;  // the API and the page refuse every change (403)
+    std::size_t max_pages = 16;
+};
+
 struct SimulatorConfig {
     std::string origin = "built-in default";  // the file it came from
     std::string listen = "127.0.0.1:2323";
     std::string plugin_path;  // empty: the plug-in the build produced, or the installed one
     Limits limits;
+    RecordSettings record;
+    std::string state_file;     // empty: the router's state lives in memory only
+    bool fresh_state = false;   // forget what the state file holds
     std::map<std::string, std::string> converter;  // the converter's LoadConfig map
     std::vector<LevelSpec> levels;
     std::vector<InitialCrosspoint> crosspoints;
     std::vector<InitialLock> locks;
+    WebConfig web;
 };
 
 // Two levels, 0 "video" and 1 "audio", of 32 sources by 32 destinations, seen
@@ -42,6 +58,10 @@ SimulatorConfig builtin_config();
 
 // Reads a TOML file; throws ConfigError.
 SimulatorConfig load_config(const std::string& path);
+
+// Makes sure recordings can be written to the directory, creating it when
+// missing; throws ConfigError naming it and the reason.
+void prepare_record_directory(const std::string& directory);
 
 // "HOST:PORT", "[v6-address]:PORT"; throws std::invalid_argument.
 struct ListenAddress {

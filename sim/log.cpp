@@ -172,11 +172,13 @@ void RefusalLog::end_second() {
     for (const auto& [key, count] : counts_) {
         if (count == 0) continue;
         const auto& [client, kind, reason] = key;
-        log_.info("client " + std::to_string(client) + ": " + with_thousands(count) + " more " + kind +
+        log_.info(client_name(client) + ": " + with_thousands(count) + " more " + kind +
                   " refused (" + reason + ") in the last second");
     }
     counts_.clear();
 }
+
+std::string client_name(int client) { return client == 0 ? "web" : "client " + std::to_string(client); }
 
 std::string escape(std::string_view bytes) { return plugin_host::c_escape(bytes); }
 

@@ -72,6 +72,9 @@ private:
     mutable std::size_t client_lines_skipped_ = 0;  // this second
 };
 
+// "client 3" for a Leitch client, "web" for the web view (client 0).
+std::string client_name(int client);
+
 // Refused changes, logged without letting a client flood the log: the first
 // refusal of a kind for a reason is logged in full, and the ones that follow
 // within the same second are counted and summed up by end_second().
@@ -90,7 +93,7 @@ public:
             ++entry->second;
             return;
         }
-        log_.info("client " + std::to_string(client) + ": refused " + what() + " on level " + std::to_string(level) +
+        log_.info(client_name(client) + ": refused " + what() + " on level " + std::to_string(level) +
                   ": " + reason);
     }
 

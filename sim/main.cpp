@@ -71,7 +71,12 @@ int main(int argc, char** argv) {
     std::string config_path;
     std::string listen;
     std::string plugin_path;
+    std::string record_directory;
+    std::string state_file;
+    bool fresh_state = false;
     bool verbose = false;
+    std::string http;
+    bool http_readonly = false;
     const std::string installed_config = default_config_path();
     app.add_option("-c,--config", config_path,
                    "TOML configuration file (default: " +
@@ -79,7 +84,18 @@ int main(int argc, char** argv) {
     app.add_option("-l,--listen", listen, "address to listen on, HOST:PORT; port 0 picks a free port "
                                           "(default 127.0.0.1:2323)");
     app.add_option("-p,--plugin", plugin_path, "converter library to load (default: " + default_plugin_path() + ")");
+    app.add_option("--http", http, "web view and HTTP API address, HOST:PORT, or \"off\"; port 0 picks a free port "
+                                   "(default 127.0.0.1:8080)")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app.add_flag("--http-readonly", http_readonly, "the web view and the HTTP API refuse every change");
     app.add_flag("-v,--verbose", verbose, "log every line received and every reply, per client");
+    app.add_option("-s,--state", state_file,
+                   "keep the crosspoints and locks in this SQLite file across restarts");
+    app.add_flag("--fresh-state", fresh_state,
+                 "forget what the state file holds and start from the configuration");
+    app.add_option("-r,--record", record_directory,
+                   "write every client link's session to a transcript file in this directory "
+                   "(play it back with leitch-replay)");
     app.set_version_flag("--version", std::string("leitch-routerd ") + LEITCH_ROUTERD_VERSION);
     try {
         app.parse(argc, argv);
@@ -99,7 +115,23 @@ int main(int argc, char** argv) {
                                               : routerd::load_config(config_path);
         if (!listen.empty()) config.listen = listen;
         if (!plugin_path.empty()) config.plugin_path = plugin_path;
+        if (!http.empty()) {
+            if (http != "off") {
+                try {
+                    routerd::parse_listen(http);
+                } catch (const std::invalid_argument& e) {
+                    throw routerd::ListenError("--http: " + std::string(e.what()) + " or \"off\"");
+                }
+            }
+            config.web.listen = http;
+            config.web.listen_named = true;
+        }
+        if (http_readonly) config.web.readonly = true;
         if (config.plugin_path.empty()) config.plugin_path = default_plugin_path();
+        if (!record_directory.empty()) config.record.directory = record_directory;
+        if (!state_file.empty()) config.state_file = state_file;
+        config.fresh_state = fresh_state;
+        if (!config.record.directory.empty()) routerd::prepare_record_directory(config.record.directory);
 
         auto plugin = plugin_host::PluginLibrary::load(config.plugin_path);
         routerd::Server server(config, plugin, log);
@@ -108,13 +140,17 @@ int main(int argc, char** argv) {
         log.info("router from " + config.origin + ": " + std::to_string(config.levels.size()) +
                  " level(s); plug-in " + config.plugin_path);
         log.capture_standard_error();
-        // Scripts and tests wait for this line; it is the only one on standard output.
+        // Scripts and tests wait for this line; it stays the first on standard output.
         std::printf("listening on %s\n", format_endpoint(server.local_endpoint()).c_str());
+        if (const auto web = server.web_endpoint())
+            std::printf("web view on http://%s/\n", format_endpoint(*web).c_str());
         std::fflush(stdout);
         server.run();
         log.info("stopped");
         log.flush();
         return 0;
+    } catch (const routerd::StateError& e) {
+        std::cerr << "leitch-routerd: state error: " << e.what() << '\n';
     } catch (const routerd::ConfigError& e) {
         std::cerr << "leitch-routerd: configuration error: " << e.what() << '\n';
     } catch (const plugin_host::PluginError& e) {

@@ -109,17 +109,24 @@ void Router::note_change(int level, Level& state, int destination, std::uint8_t 
 void Router::publish() {
     publishing_.clear();
     publishing_.swap(changes_);
+    published_.clear();
     for (const Change& change : publishing_) {
         Level& state = *level_state(change.level);
         const auto index = static_cast<std::size_t>(change.destination);
         // Cleared before telling, so that a change made meanwhile waits for the next publish.
         state.unpublished[index] &= static_cast<std::uint8_t>(~change.what);
-        if (change.what == crosspoint_changed) {
-            const int source = state.sources[index];
-            tell_observers([&](RouterObserver& o) { o.crosspoint_changed(change.level, source, change.destination); });
+        published_.push_back(change.what == crosspoint_changed
+                                 ? PublishedChange{PublishedChange::crosspoint, change.level, change.destination,
+                                                   state.sources[index]}
+                                 : PublishedChange{PublishedChange::lock, change.level, change.destination,
+                                                   state.locks[index]});
+    }
+    if (journal_ && !published_.empty()) journal_->keep(published_);
+    for (const PublishedChange& change : published_) {
+        if (change.kind == PublishedChange::crosspoint) {
+            tell_observers([&](RouterObserver& o) { o.crosspoint_changed(change.level, change.value, change.destination); });
         } else {
-            const int lock = state.locks[index];
-            tell_observers([&](RouterObserver& o) { o.lock_changed(change.level, change.destination, lock); });
+            tell_observers([&](RouterObserver& o) { o.lock_changed(change.level, change.destination, change.value); });
         }
     }
 }

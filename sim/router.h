@@ -26,6 +26,24 @@ protected:
     ~RouterObserver() = default;
 };
 
+// One destination's value as a frame publishes it.
+struct PublishedChange {
+    enum Kind : std::uint8_t { crosspoint, lock } kind;
+    int level;
+    int destination;
+    int value;  // the source of a crosspoint, the state of a lock
+};
+
+// Keeps what the router publishes (the durable state): given every frame's
+// changes before any observer hears of them.
+class RouterJournal {
+public:
+    virtual void keep(const std::vector<PublishedChange>& changes) = 0;
+
+protected:
+    ~RouterJournal() = default;
+};
+
 // Why a change was not applied.
 enum class Refusal {
     none,
@@ -73,9 +91,10 @@ public:
 
     // True when changes wait to be told.
     bool changed() const { return !changes_.empty(); }
-    // Tells every observer of every destination changed since the last publish,
-    // in the order of each destination's first change.
+    // Gives the journal, then every observer, every destination changed since
+    // the last publish, in the order of each destination's first change.
     void publish();
+    void set_journal(RouterJournal* journal) { journal_ = journal; }
 
     // Observers are told in the order they subscribed. Unsubscribing while a
     // change is being told is safe: the observer is skipped from then on.
@@ -109,6 +128,8 @@ private:
     std::size_t total_destinations_ = 0;
     std::vector<Change> changes_;  // at most two per destination
     std::vector<Change> publishing_;
+    std::vector<PublishedChange> published_;
+    RouterJournal* journal_ = nullptr;
     std::vector<RouterObserver*> observers_;
     int telling_ = 0;            // depth of notification loops under way
     bool has_vacancies_ = false; // unsubscribed while telling: compact afterwards

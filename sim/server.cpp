@@ -60,15 +60,25 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
       refusals_(log),
       router_(build_router(config)),
       sessions_(io_.get_executor()),
-      switches_(io_.get_executor(), router_, refusals_, [this] { sessions_.flush_waiting(); }),
+      switches_(io_.get_executor(), router_, refusals_, [this] {
+          sessions_.flush_waiting();
+          web_->frame_done();
+      }),
       context_{std::move(plugin), config.converter, router_, switches_, sessions_, log_, refusals_,
-               config.limits, output_bound(config.limits, config.levels),
+               config.limits, config.record, output_bound(config.limits, config.levels),
                report_room(config.limits, config.levels)},
       acceptor_(io_),
       signals_(io_, SIGINT, SIGTERM),
       other_signals_(io_),
       accept_pause_(io_),
       ticker_(io_) {
+    if (!config.state_file.empty()) {
+        state_ = std::make_unique<StateStore>(config.state_file, config.levels, config.fresh_state, log_);
+        const bool restored = state_->restore_into(router_);
+        log_.info(std::string(restored ? "crosspoints and locks restored from " : "crosspoints and locks kept in ") +
+                  config.state_file);
+        router_.set_journal(state_.get());
+    }
     // Signals whose default action would end the simulator without a word.
     for (const int signal : {SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGIO, SIGPWR})
         other_signals_.add(signal);
@@ -79,6 +89,10 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
     if (!ec) acceptor_.bind(endpoint, ec);
     if (!ec) acceptor_.listen(asio::socket_base::max_listen_connections, ec);
     if (ec) throw ListenError("cannot listen on " + config.listen + ": " + ec.message());
+    web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_);
+    web_->state().set_store(state_.get());
+    context_.watcher = &web_->state();
+    switches_.watch(&web_->state());
 }
 
 void Server::run() {
@@ -86,6 +100,7 @@ void Server::run() {
     wait_for_other_signals();
     tick();
     do_accept();
+    web_->run();
     io_.run();
 }
 
@@ -112,6 +127,8 @@ void Server::tick() {
     refusals_.end_second();
     log_.end_second();
     sessions_.check_outputs(std::chrono::steady_clock::now());
+    if (state_) state_->retry();
+    web_->tick();
     if (sessions_.take_memory_released()) malloc_trim(0);
     if (stopping_) return;
     ticker_.expires_after(std::chrono::seconds(1));
@@ -194,6 +211,7 @@ void Server::shut_down(int signal) {
     other_signals_.cancel();
     stopping_ = true;
     sessions_.stop_all();
+    web_->stop();
     refusals_.end_second();
 }
 

@@ -14,7 +14,9 @@
 #include "sim/router.h"
 #include "sim/session.h"
 #include "sim/session_manager.h"
+#include "sim/state_store.h"
 #include "sim/switch_queue.h"
+#include "sim/web/web_view.h"
 
 namespace routerd {
 
@@ -30,11 +32,14 @@ public:
 // that do not read and gives freed memory back to the system.
 class Server {
 public:
-    // Binds the listening socket; throws ListenError.
+    // Opens the state file if there is one (throws StateError) and binds the
+    // listening socket (throws ListenError).
     Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host::PluginLibrary> plugin, const Log& log);
 
     // The address actually bound (the real port when 0 was asked for).
     boost::asio::ip::tcp::endpoint local_endpoint() const { return acceptor_.local_endpoint(); }
+    // The web view's address, when it is on.
+    std::optional<boost::asio::ip::tcp::endpoint> web_endpoint() const { return web_->endpoint(); }
 
     // Serves until SIGINT or SIGTERM.
     void run();
@@ -53,9 +58,11 @@ private:
     const Log& log_;
     RefusalLog refusals_;
     Router router_;
+    std::unique_ptr<StateStore> state_;  // --state: kept before clients are told
     SessionManager sessions_;
     SwitchQueue switches_;
     SessionContext context_;
+    std::unique_ptr<web::WebView> web_;
     boost::asio::ip::tcp::acceptor acceptor_;
     boost::asio::signal_set signals_;        // SIGINT, SIGTERM: shut down
     boost::asio::signal_set other_signals_;  // logged and ignored

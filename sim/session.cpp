@@ -57,7 +57,11 @@ Session::Session(tcp::socket socket, int id, const SessionContext& context)
       peer_(describe_peer(socket_)),
       context_(context),
       link_(*this),
-      driver_(id, context.router, context.switches, context.log, context.refusals) {}
+      driver_(id, context.router, context.switches, context.log, context.refusals) {
+    info_.id = id;
+    info_.peer = peer_;
+    info_.connected_since = std::chrono::system_clock::now();
+}
 
 Session::~Session() = default;
 
@@ -73,16 +77,23 @@ void Session::start() {
     // a client that does not read is seen as one soon.
     socket_.set_option(asio::socket_base::send_buffer_size(kSocketSendBuffer), ignored);
 
+    if (!context_.record.directory.empty()) {
+        recording_ = LinkRecording::open(context_.record, id_, peer_, context_.log);
+        driver_.record_to(recording_.get());
+    }
     instance_ = context_.plugin->create(link_);
     context_.log.flush();  // the plug-in's own line, in its place
     instance_->SetCommandDriver(&driver_);
+    if (recording_) recording_->configuration(context_.converter_config);
     instance_->LoadConfig(context_.converter_config);
     std::list<LevelDesc> levels;
     for (const LevelSpec& level : context_.router.levels())
         levels.push_back({level.number, level.sources, level.destinations});
+    if (recording_) recording_->levels(levels);
     instance_->LevelList(levels, false);
     context_.router.subscribe(*this);
     context_.log.client_line("client " + std::to_string(id_) + " connected from " + peer_);
+    if (context_.watcher) context_.watcher->client_connected(*this);
     introduce_some();
 }
 
@@ -99,9 +110,9 @@ void Session::introduce_some() {
         const LevelSpec& level = levels[introduced_level_];
         const int destination = introduced_destination_;
         if (!introducing_locks_) {
-            instance_->Crosspoint(level.number, router.source_of(level.number, destination), destination);
+            tell_crosspoint(level.number, router.source_of(level.number, destination), destination);
         } else if (const int lock = router.lock_of(level.number, destination); lock != 0) {
-            instance_->CrosspointLock(level.number, destination, lock);
+            tell_lock(level.number, destination, lock);
         }
         if (++introduced_destination_ < level.destinations) continue;
         introduced_destination_ = 0;
@@ -126,26 +137,40 @@ void Session::stop(const std::string& reason) {
     // a destroyed instance.
     context_.router.unsubscribe(*this);
     instance_.reset();
+    driver_.record_to(nullptr);
+    recording_.reset();
     boost::system::error_code ignored;
     socket_.shutdown(tcp::socket::shutdown_both, ignored);
     socket_.close(ignored);
     output_.clear();
     context_.log.client_line("client " + std::to_string(id_) + " (" + peer_ + ") disconnected: " + reason);
+    if (context_.watcher) context_.watcher->client_disconnected(*this, reason);
     context_.manager.leave(shared_from_this());
 }
 
 void Session::crosspoint_changed(int level, int source, int destination) {
-    if (instance_ && state_ != State::dropping) instance_->Crosspoint(level, source, destination);
+    if (instance_ && state_ != State::dropping) tell_crosspoint(level, source, destination);
 }
 
 void Session::lock_changed(int level, int destination, int state) {
-    if (instance_ && state_ != State::dropping) instance_->CrosspointLock(level, destination, state);
+    if (instance_ && state_ != State::dropping) tell_lock(level, destination, state);
+}
+
+void Session::tell_crosspoint(int level, int source, int destination) {
+    if (recording_) recording_->crosspoint(level, source, destination);
+    instance_->Crosspoint(level, source, destination);
+}
+
+void Session::tell_lock(int level, int destination, int state) {
+    if (recording_) recording_->lock(level, destination, state);
+    instance_->CrosspointLock(level, destination, state);
 }
 
 // ---------------------------------------------------------------------------
 // Output
 
 void Session::send(const std::string& data) {
+    if (recording_) recording_->sent(data);
     if (state_ == State::dropping || state_ == State::stopped) return;
     if (waiting() == 0) progress_at_ = Clock::now();
     output_.append(data);
@@ -161,6 +186,7 @@ void Session::send(const std::string& data) {
 
 void Session::flush() {
     awaiting_flush_ = false;
+    if (recording_) recording_->end_event();
     if (state_ == State::dropping || state_ == State::stopped) return;
     if (awaiting_writable_ && behind_the_router()) return drop_slow_reader();
     if (awaiting_writable_ || waiting() == 0) return;
@@ -261,6 +287,7 @@ void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
                     " bytes received without a line end");
     }
     if (context_.log.verbose()) log_received(received_.data(), length);
+    note_lines(received_.data(), length);
     input_begin_ = 0;
     input_end_ = length;
     if (costly()) return schedule_slice();
@@ -299,11 +326,13 @@ void Session::feed_slice() {
     const std::string slice(received_.data() + input_begin_, end - input_begin_);
     input_begin_ = end;
     in_event_ = in_input_ = true;
+    if (recording_) recording_->received(slice);
     const Clock::time_point began = Clock::now();
     try {
         instance_->ReceiveData(slice, nullptr);
     } catch (const OutputOverflow&) {
         in_event_ = in_input_ = false;
+        if (recording_) recording_->discard_event();
         return drop("more than " + with_thousands(context_.output_bound) +
                     " bytes of output from its own commands in one event");
     }
@@ -352,6 +381,25 @@ void Session::log_received(const char* data, std::size_t length) {
         if (!activity_line_.empty())
             context_.log.activity("client " + std::to_string(id_) + " << \"" + escape(activity_line_) + "\"");
         activity_line_.clear();
+    }
+}
+
+// Report mode as far as the simulator can tell: from the lines that are
+// exactly "@ ?" or "@ !" (the converter itself may see it otherwise, for
+// instance in a line of several commands).
+void Session::note_lines(const char* data, std::size_t length) {
+    for (std::size_t i = 0; i < length; ++i) {
+        const char c = data[i];
+        if (c != '\r' && c != '\n') {
+            if (current_line_.size() < 256) current_line_ += c;
+            continue;
+        }
+        if (current_line_.empty()) continue;
+        ++info_.lines_received;
+        if (current_line_ == "@ ?") info_.report_mode = true;
+        if (current_line_ == "@ !") info_.report_mode = false;
+        info_.last_line.swap(current_line_);
+        current_line_.clear();
     }
 }
 

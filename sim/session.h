@@ -13,6 +13,7 @@
 #include "sim/limits.h"
 #include "sim/log.h"
 #include "sim/output_queue.h"
+#include "sim/recording.h"
 #include "host/plugin_library.h"
 #include "sim/router.h"
 #include "sim/switch_queue.h"
@@ -20,6 +21,28 @@
 namespace routerd {
 
 class SessionManager;
+class Session;
+
+// Told when a client comes and goes (the web view's activity log).
+class SessionWatcher {
+public:
+    virtual void client_connected(const Session& session) = 0;
+    virtual void client_disconnected(const Session& session, const std::string& reason) = 0;
+
+protected:
+    ~SessionWatcher() = default;
+};
+
+// What the simulator can tell of a client from outside its converter instance.
+struct ClientInfo {
+    int id = 0;
+    std::string peer;
+    std::chrono::system_clock::time_point connected_since;
+    std::size_t lines_received = 0;
+    std::string last_line;  // the first 256 bytes of it
+    // From the last "@ ?" (on) or "@ !" (off) line received.
+    bool report_mode = false;
+};
 
 // What every session shares.
 struct SessionContext {
@@ -31,8 +54,10 @@ struct SessionContext {
     const Log& log;
     RefusalLog& refusals;
     Limits limits;
+    RecordSettings record;
     std::size_t output_bound;  // the most one event may leave waiting for a client (see limits.h)
     std::size_t report_room;   // router reports that may wait besides a client's own answers
+    SessionWatcher* watcher = nullptr;
 };
 
 // One client connection: its socket, its converter instance with the instance's
@@ -62,6 +87,7 @@ public:
     void stop(const std::string& reason);
 
     int id() const { return id_; }
+    const ClientInfo& info() const { return info_; }
     // Writes what the instance has sent, as far as the socket takes it now.
     void flush();
     // Disconnects a client whose output has not moved for the output timeout.
@@ -92,6 +118,8 @@ private:
     void lock_changed(int level, int destination, int state) override;
 
     void introduce_some();
+    void tell_crosspoint(int level, int source, int destination);
+    void tell_lock(int level, int destination, int state);
     void send(const std::string& data);
     std::size_t waiting() const { return output_.size(); }
     void wait_writable();
@@ -106,6 +134,7 @@ private:
     std::size_t slice_end() const;
     bool line_too_long(const char* data, std::size_t length);
     void log_received(const char* data, std::size_t length);
+    void note_lines(const char* data, std::size_t length);
     void log_sent();
     void drop(const std::string& reason);
     bool behind_the_router() const;
@@ -117,7 +146,8 @@ private:
     const SessionContext& context_;
     Link link_;
     ClientDriver driver_;
-    plugin_host::PluginLibrary::Instance instance_;  // declared after the link and driver it borrows
+    std::unique_ptr<LinkRecording> recording_;  // --record: this link's transcript
+    plugin_host::PluginLibrary::Instance instance_;  // declared after the link, driver and recording it borrows
     State state_ = State::introducing;
 
     // Where the introduction has got to: level index, then crosspoints or
@@ -138,6 +168,8 @@ private:
     bool costly() const;
     std::size_t bytes_since_line_end_ = 0;
     std::string activity_line_;  // the verbose log's unfinished received line
+    ClientInfo info_;
+    std::string current_line_;   // received since the last line end, cut at 256 bytes
 
     OutputQueue output_;       // sent by the instance, not taken by the socket yet
     std::size_t most_waiting_ = 0;  // since the output was last all taken

@@ -24,6 +24,7 @@ public:
         memory_released();
     }
     std::size_t size() const { return sessions_.size(); }
+    const std::set<std::shared_ptr<Session>>& sessions() const { return sessions_; }
     void stop_all();
 
     // A session with output from a router change; written when the frame has

@@ -6,20 +6,30 @@
 
 namespace routerd {
 
-void SwitchQueue::take(int client, int level, int source, int destination) {
+Refusal SwitchQueue::take(int client, int level, int source, int destination) {
     const Refusal refusal = router_.take(level, source, destination);
-    if (refusal == Refusal::none) return end_frame_soon();
+    if (watcher_) watcher_->switch_asked(client, SwitchWatcher::Kind::take, level, destination, source, refusal);
+    if (refusal == Refusal::none) {
+        end_frame_soon();
+        return refusal;
+    }
     refusals_.refused(client, "takes", level, describe(refusal), [&] {
         return "take of source " + std::to_string(source) + " to destination " + std::to_string(destination);
     });
+    return refusal;
 }
 
-void SwitchQueue::lock(int client, int level, int destination, int state) {
+Refusal SwitchQueue::lock(int client, int level, int destination, int state) {
     const Refusal refusal = router_.lock(level, destination, state);
-    if (refusal == Refusal::none) return end_frame_soon();
+    if (watcher_) watcher_->switch_asked(client, SwitchWatcher::Kind::lock, level, destination, state, refusal);
+    if (refusal == Refusal::none) {
+        end_frame_soon();
+        return refusal;
+    }
     refusals_.refused(client, "locks", level, describe(refusal), [&] {
         return "lock state " + std::to_string(state) + " of destination " + std::to_string(destination);
     });
+    return refusal;
 }
 
 void SwitchQueue::end_frame_soon() {

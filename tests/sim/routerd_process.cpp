@@ -106,7 +106,9 @@ ExitResult run_routerd(const std::vector<std::string>& args, std::chrono::millis
 
 Routerd::Routerd(const std::vector<std::string>& args) {
     log_path_ = make_temp_dir() + "/stderr";
-    std::vector<std::string> all{"--listen", "127.0.0.1:0"};
+    // The web view only where a test asks for it (a later --http wins): tests
+    // running side by side must not compete for its default port.
+    std::vector<std::string> all{"--listen", "127.0.0.1:0", "--http", "off"};
     all.insert(all.end(), args.begin(), args.end());
     const testhost::Child child = spawn(all, log_path_);
     pid_ = child.pid;

@@ -71,7 +71,9 @@ Memory memory_of(pid_t pid) {
 }
 
 Server::Server(ServerOptions options) {
-    std::vector<std::string> args{"--listen", "127.0.0.1:0"};
+    // The web view only where a test asks for it (a later --http wins): tests
+    // running side by side must not compete for its default port.
+    std::vector<std::string> args{"--listen", "127.0.0.1:0", "--http", "off"};
     args.insert(args.end(), options.args.begin(), options.args.end());
     const Child child = spawn(options.binary, args, options.open_file_limit);
     pid_ = child.pid;

@@ -1,4 +1,4 @@
-#include "support/transcript.h"
+#include "host/transcript.h"
 
 #include "host/c_escape.h"
 
@@ -10,7 +10,7 @@
 #include <stdexcept>
 
 
-namespace testhost {
+namespace plugin_host {
 
 namespace {
 
@@ -121,4 +121,4 @@ std::vector<std::string> transcript_files(const std::string& directory) {
     return files;
 }
 
-}  // namespace testhost
+}  // namespace plugin_host

@@ -27,7 +27,7 @@
 #include <string>
 #include <vector>
 
-namespace testhost {
+namespace plugin_host {
 
 struct TranscriptStep {
     int line = 0;
@@ -53,4 +53,4 @@ std::string escape(const std::string& bytes);
 
 std::vector<std::string> transcript_files(const std::string& directory);
 
-}  // namespace testhost
+}  // namespace plugin_host

@@ -1,0 +1,126 @@
+#include "sim/recording.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+
+#include "host/transcript.h"
+#include "host/transcript_player.h"
+
+namespace routerd {
+
+namespace {
+
+// "20261123-061502.123", the time a recording starts, for its file name.
+std::string file_time() {
+    const auto now = std::chrono::system_clock::now();
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    const auto millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char text[40];
+    const std::size_t length = std::strftime(text, sizeof text, "%Y%m%d-%H%M%S", &local);
+    std::snprintf(text + length, sizeof text - length, ".%03lld", static_cast<long long>(millis));
+    return text;
+}
+
+// A peer address as part of a file name.
+std::string file_safe(std::string text) {
+    for (char& c : text) {
+        if (c == ':' || c == '/' || c == '[' || c == ']') c = '_';
+    }
+    return text;
+}
+
+}  // namespace
+
+std::unique_ptr<LinkRecording> LinkRecording::open(const RecordSettings& settings, int client,
+                                                   const std::string& peer, const Log& log) {
+    const std::string path = settings.directory + "/" + file_time() + "-client" + std::to_string(client) + "-" +
+                             file_safe(peer) + ".txt";
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        log.info("client " + std::to_string(client) + ": cannot record to " + path + ": " + std::strerror(errno));
+        return nullptr;
+    }
+    std::unique_ptr<LinkRecording> recording(new LinkRecording(fd, path, client, settings.max_bytes, log));
+    recording->event_ = "# leitch-routerd: client " + std::to_string(client) + " from " + peer + "\n";
+    log.info("client " + std::to_string(client) + ": recording to " + path);
+    return recording;
+}
+
+LinkRecording::~LinkRecording() {
+    end_event();
+    ::close(fd_);
+}
+
+void LinkRecording::action(const std::string& line) {
+    if (stopped_) return;
+    event_ += line;
+    event_ += '\n';
+}
+
+void LinkRecording::configuration(const std::map<std::string, std::string>& config) {
+    // Consecutive config lines are one configuration; a bare one is an empty map.
+    if (config.empty()) return action("config");
+    for (const auto& [key, value] : config) action("config " + key + " " + plugin_host::escape(value));
+}
+
+void LinkRecording::levels(const std::list<LevelDesc>& levels) {
+    std::string line = "levels";
+    for (const LevelDesc& level : levels) {
+        line += " " + std::to_string(level.level) + ":" + std::to_string(level.sources) + "x" +
+                std::to_string(level.destinations);
+    }
+    action(line);
+}
+
+void LinkRecording::received(std::string_view chunk) { action("recv " + plugin_host::escape(std::string(chunk))); }
+
+void LinkRecording::crosspoint(int level, int source, int destination) {
+    action("crosspoint " + std::to_string(level) + " " + std::to_string(source) + " " + std::to_string(destination));
+}
+
+void LinkRecording::lock(int level, int destination, int state) {
+    action("lock " + std::to_string(level) + " " + std::to_string(destination) + " " + std::to_string(state));
+}
+
+void LinkRecording::sent(std::string_view piece) { action("  send " + plugin_host::escape(std::string(piece))); }
+
+void LinkRecording::called(plugin_host::AnsweringDriver::Operation operation, int a, int b, int c) {
+    action("  " + plugin_host::driver_call_text(operation, a, b, c));
+}
+
+void LinkRecording::end_event() {
+    if (stopped_ || event_.empty()) return;
+    if (written_ + event_.size() > max_bytes_) {
+        stopped_ = true;
+        event_.clear();
+        log_.info("client " + std::to_string(client_) + ": recording stopped at " + std::to_string(written_) +
+                  " bytes (the bound is " + std::to_string(max_bytes_) + "): " + path_);
+        return;
+    }
+    std::size_t done = 0;
+    while (done < event_.size()) {
+        const ssize_t n = ::write(fd_, event_.data() + done, event_.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            stopped_ = true;
+            log_.info("client " + std::to_string(client_) + ": recording stopped: cannot write " + path_ + ": " +
+                      std::strerror(errno));
+            break;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    written_ += done;
+    event_.clear();
+}
+
+void LinkRecording::discard_event() { event_.clear(); }
+
+}  // namespace routerd

@@ -1,0 +1,627 @@
+// The web view of leitch-routerd: the router's state arrives over a WebSocket
+// (the whole state on connecting, then one message per frame) and is drawn on
+// a canvas, only the part in view, so that a level of 1152 x 1152 stays fluid.
+'use strict';
+
+(() => {
+  const $ = (id) => document.getElementById(id);
+  const grid = $('grid'), scroller = $('scroller'), spacer = $('spacer');
+  const ctx = grid.getContext('2d');
+  const MAX_EVENTS = 300;
+  const MAX_PAINT_LOG = 20000;
+
+  const state = {
+    levels: [],            // {number, name, sources, destinations, leitch_level, crosspoints, locks}
+    byNumber: new Map(),
+    current: null,         // the level shown
+    readonlyServer: false,
+    salvos: [],
+    clients: [],
+    events: [],
+    connected: false,
+    hellos: 0,
+    frames: 0,
+    lastRefusal: null,
+    hover: null,           // {row, col} in grid coordinates
+    jumped: null,          // destination highlighted by the jump box
+    pendingPaint: [],      // changes of the shown level not painted yet
+    paintLog: [],          // [level, destination, source, painted at (ms since the epoch)]
+    firstPaint: null,      // ms after navigation start of the first full paint with data
+    paints: 0,
+  };
+
+  // ------------------------------------------------------------- numbers
+
+  const decimal = () => $('decimal').checked;
+  const num = (n) => (decimal() ? String(n) : n.toString(16).toUpperCase());
+  const parseNum = (text) => {
+    const t = text.trim();
+    if (!/^[0-9a-fA-F]+$/.test(t)) return NaN;
+    return decimal() ? parseInt(t, 10) : parseInt(t, 16);
+  };
+  const clientName = (id) => (id === 0 ? 'web' : 'client ' + id);
+
+  // ------------------------------------------------------------- geometry
+
+  // Normal: sources across, destinations down. Swapped: the reverse. The lock
+  // boxes sit beside the destination labels.
+  const LOCK = 14;
+  const geometry = () => {
+    const level = state.current;
+    const zoom = Number($('zoom').value);
+    const swap = $('swap').checked;
+    const cols = level ? (swap ? level.destinations : level.sources) : 0;
+    const rows = level ? (swap ? level.sources : level.destinations) : 0;
+    const labelChars = level ? num(Math.max(level.sources, level.destinations) - 1).length : 1;
+    const labelW = 10 + labelChars * 7;
+    const left = swap ? labelW : labelW + LOCK + 4;
+    const top = swap ? 22 + LOCK + 4 : 22;
+    return { zoom, swap, cols, rows, left, top, labelW };
+  };
+
+  const destinationAt = (g, row, col) => (g.swap ? col : row);
+  const sourceAt = (g, row, col) => (g.swap ? row : col);
+
+  // What lies under a point of the scroller's box: a cell, a lock box, or nothing.
+  const hit = (x, y) => {
+    const g = geometry();
+    if (!state.current) return null;
+    const col = Math.floor((x - g.left + scroller.scrollLeft) / g.zoom);
+    const row = Math.floor((y - g.top + scroller.scrollTop) / g.zoom);
+    if (x >= g.left && y >= g.top) {
+      if (col < 0 || row < 0 || col >= g.cols || row >= g.rows) return null;
+      return { kind: 'cell', row, col, destination: destinationAt(g, row, col), source: sourceAt(g, row, col) };
+    }
+    if (!g.swap && x >= g.labelW && x < g.labelW + LOCK + 4 && y >= g.top && row >= 0 && row < g.rows)
+      return { kind: 'lock', row, col: -1, destination: row };
+    if (g.swap && y >= 22 && y < 22 + LOCK + 4 && x >= g.left && col >= 0 && col < g.cols)
+      return { kind: 'lock', row: -1, col, destination: col };
+    return null;
+  };
+
+  // ------------------------------------------------------------- drawing
+
+  let drawQueued = false;
+  const redraw = () => {
+    if (drawQueued) return;
+    drawQueued = true;
+    requestAnimationFrame(draw);
+  };
+
+  const resize = () => {
+    const g = geometry();
+    spacer.style.width = g.left + g.cols * g.zoom + 'px';
+    spacer.style.height = g.top + g.rows * g.zoom + 'px';
+    redraw();
+  };
+
+  function draw() {
+    drawQueued = false;
+    const ratio = window.devicePixelRatio || 1;
+    const width = scroller.clientWidth, height = scroller.clientHeight;
+    if (grid.width !== Math.round(width * ratio) || grid.height !== Math.round(height * ratio)) {
+      grid.width = Math.round(width * ratio);
+      grid.height = Math.round(height * ratio);
+    }
+    ctx.setTransform(ratio, 0, 0, ratio, 0, 0);
+    ctx.fillStyle = '#15181c';
+    ctx.fillRect(0, 0, width, height);
+    const level = state.current;
+    if (!level) return;
+    const g = geometry();
+    const z = g.zoom, sx = scroller.scrollLeft, sy = scroller.scrollTop;
+    const c0 = Math.max(0, Math.floor(sx / z)), r0 = Math.max(0, Math.floor(sy / z));
+    const c1 = Math.min(g.cols, Math.ceil((sx + width - g.left) / z));
+    const r1 = Math.min(g.rows, Math.ceil((sy + height - g.top) / z));
+    const cx = (c) => g.left + c * z - sx;
+    const ry = (r) => g.top + r * z - sy;
+
+    ctx.save();
+    ctx.beginPath();
+    ctx.rect(g.left, g.top, width - g.left, height - g.top);
+    ctx.clip();
+
+    // Locked destinations, tinted across the grid.
+    ctx.fillStyle = 'rgba(255,179,71,0.13)';
+    if (g.swap) {
+      for (let c = c0; c < c1; c++) if (level.locks[c] === 1) ctx.fillRect(cx(c), g.top, z, ry(r1) - g.top);
+    } else {
+      for (let r = r0; r < r1; r++) if (level.locks[r] === 1) ctx.fillRect(g.left, ry(r), cx(c1) - g.left, z);
+    }
+    // Row and column under the pointer, and the destination jumped to.
+    if (state.hover) {
+      ctx.fillStyle = 'rgba(79,179,255,0.16)';
+      if (state.hover.row >= 0) ctx.fillRect(g.left, ry(state.hover.row), width, z);
+      if (state.hover.col >= 0) ctx.fillRect(cx(state.hover.col), g.top, z, height);
+    }
+    if (state.jumped !== null && state.jumped < level.destinations) {
+      ctx.fillStyle = 'rgba(79,179,255,0.28)';
+      if (g.swap) ctx.fillRect(cx(state.jumped), g.top, z, height);
+      else ctx.fillRect(g.left, ry(state.jumped), width, z);
+    }
+
+    // Grid lines: every cell when they are large enough, every 16th always.
+    ctx.lineWidth = 1;
+    if (z >= 6) {
+      ctx.strokeStyle = '#242a31';
+      ctx.beginPath();
+      for (let c = c0; c <= c1; c++) { const x = Math.round(cx(c)) + 0.5; ctx.moveTo(x, g.top); ctx.lineTo(x, ry(r1)); }
+      for (let r = r0; r <= r1; r++) { const y = Math.round(ry(r)) + 0.5; ctx.moveTo(g.left, y); ctx.lineTo(cx(c1), y); }
+      ctx.stroke();
+    }
+    ctx.strokeStyle = '#36404b';
+    ctx.beginPath();
+    for (let c = Math.ceil(c0 / 16) * 16; c <= c1; c += 16) { const x = Math.round(cx(c)) + 0.5; ctx.moveTo(x, g.top); ctx.lineTo(x, ry(r1)); }
+    for (let r = Math.ceil(r0 / 16) * 16; r <= r1; r += 16) { const y = Math.round(ry(r)) + 0.5; ctx.moveTo(g.left, y); ctx.lineTo(cx(c1), y); }
+    ctx.stroke();
+
+    // The crosspoint of every destination in view.
+    const pad = z >= 8 ? 2 : z >= 4 ? 1 : 0;
+    ctx.fillStyle = '#4fb3ff';
+    if (g.swap) {
+      for (let c = c0; c < c1; c++) {
+        const s = level.crosspoints[c];
+        if (s >= r0 && s < r1) ctx.fillRect(cx(c) + pad, ry(s) + pad, z - 2 * pad, z - 2 * pad);
+      }
+    } else {
+      for (let r = r0; r < r1; r++) {
+        const s = level.crosspoints[r];
+        if (s >= c0 && s < c1) ctx.fillRect(cx(s) + pad, ry(r) + pad, z - 2 * pad, z - 2 * pad);
+      }
+    }
+    ctx.restore();
+
+    drawLabels(g, level, c0, c1, r0, r1, cx, ry, width, height);
+
+    state.paints++;
+    const now = performance.timeOrigin + performance.now();
+    if (state.firstPaint === null && state.hellos > 0) state.firstPaint = performance.now();
+    for (const change of state.pendingPaint) {
+      if (state.paintLog.length >= MAX_PAINT_LOG) state.paintLog.shift();
+      change.push(now);
+      state.paintLog.push(change);
+    }
+    state.pendingPaint = [];
+    grid.dataset.paints = String(state.paints);
+  }
+
+  function drawLabels(g, level, c0, c1, r0, r1, cx, ry, width, height) {
+    const z = g.zoom;
+    const every = Math.max(1, Math.ceil(14 / z));  // a label every so many cells, so that they never overlap
+    ctx.fillStyle = '#1d2127';
+    ctx.fillRect(0, 0, width, g.top);
+    ctx.fillRect(0, 0, g.left, height);
+    ctx.font = '11px ui-monospace, monospace';
+    ctx.textBaseline = 'middle';
+    ctx.save();
+    ctx.beginPath();
+    ctx.rect(g.left, 0, width - g.left, g.top);
+    ctx.clip();
+    ctx.textAlign = 'center';
+    for (let c = c0; c < c1; c++) {
+      const hovered = state.hover && state.hover.col === c;
+      if (c % every !== 0 && !hovered) continue;
+      ctx.fillStyle = hovered ? '#ffffff' : '#8a939e';
+      ctx.save();
+      ctx.translate(cx(c) + z / 2, 11);
+      if (z < 20 && num(c).length > 2) ctx.scale(0.8, 1);
+      ctx.fillText(num(c), 0, 0);
+      ctx.restore();
+      if (g.swap) drawLock(cx(c) + (z - LOCK) / 2, 24, level.locks[c] === 1, z);
+    }
+    if (g.swap && every > 1) for (let c = c0; c < c1; c++) if (c % every !== 0) drawLock(cx(c) + (z - LOCK) / 2, 24, level.locks[c] === 1, z);
+    ctx.restore();
+    ctx.save();
+    ctx.beginPath();
+    ctx.rect(0, g.top, g.left, height - g.top);
+    ctx.clip();
+    ctx.textAlign = 'right';
+    for (let r = r0; r < r1; r++) {
+      const hovered = state.hover && state.hover.row === r;
+      if (!g.swap) drawLock(g.labelW + 2, ry(r) + (z - LOCK) / 2, level.locks[r] === 1, z);
+      if (r % every !== 0 && !hovered) continue;
+      ctx.fillStyle = hovered ? '#ffffff' : '#8a939e';
+      ctx.fillText(num(r), g.labelW - 4, ry(r) + z / 2);
+    }
+    ctx.restore();
+    ctx.fillStyle = '#5d6772';
+    ctx.textAlign = 'left';
+    ctx.font = '9px ui-monospace, monospace';
+    ctx.fillText(g.swap ? 'src' : 'dst', 3, g.top - 7);
+  }
+
+  // A padlock: filled when locked, an outline when not. Shrinks with the cells.
+  function drawLock(x, y, locked, z) {
+    const size = Math.min(LOCK, Math.max(3, z - 1));
+    const ox = x + (LOCK - size) / 2, oy = y + (LOCK - size) / 2;
+    if (locked) {
+      ctx.fillStyle = '#ffb347';
+      ctx.fillRect(ox, oy + size * 0.4, size, size * 0.6);
+      if (size >= 8) {
+        ctx.strokeStyle = '#ffb347';
+        ctx.lineWidth = 1.5;
+        ctx.beginPath();
+        ctx.arc(ox + size / 2, oy + size * 0.4, size * 0.28, Math.PI, 0);
+        ctx.stroke();
+      }
+    } else if (size >= 6) {
+      ctx.strokeStyle = '#3a434e';
+      ctx.lineWidth = 1;
+      ctx.strokeRect(ox + 0.5, oy + size * 0.4 + 0.5, size - 1, size * 0.6 - 1);
+    }
+  }
+
+  // ------------------------------------------------------------- tabs, clients, activity
+
+  function renderTabs() {
+    const tabs = $('tabs');
+    tabs.textContent = '';
+    for (const level of state.levels) {
+      const button = document.createElement('button');
+      button.setAttribute('role', 'tab');
+      button.dataset.level = String(level.number);
+      button.setAttribute('aria-selected', String(level === state.current));
+      const leitch = level.leitch_level === null ? 'not mapped' : 'Leitch ' + level.leitch_level;
+      button.textContent = level.name;
+      const detail = document.createElement('small');
+      detail.textContent = `level ${level.number} \u2192 ${leitch} \u00b7 ${level.sources}\u00d7${level.destinations}`;
+      button.appendChild(detail);
+      button.addEventListener('click', () => select(level.number));
+      tabs.appendChild(button);
+    }
+  }
+
+  function select(number) {
+    const level = state.byNumber.get(number);
+    if (!level) return false;
+    state.current = level;
+    state.hover = null;
+    state.jumped = null;
+    grid.dataset.level = String(level.number);
+    grid.dataset.sources = String(level.sources);
+    grid.dataset.destinations = String(level.destinations);
+    for (const button of $('tabs').children) button.setAttribute('aria-selected', String(button.dataset.level === String(number)));
+    resize();
+    return true;
+  }
+
+  function renderClients() {
+    const body = $('clients').tBodies[0];
+    body.textContent = '';
+    for (const c of state.clients) {
+      const row = body.insertRow();
+      row.dataset.client = String(c.id);
+      const since = new Date(c.connected_since).toLocaleTimeString();
+      for (const text of [c.id, c.peer, since, c.report_mode ? 'on' : 'off', c.lines_received, c.last_line]) {
+        row.insertCell().textContent = String(text);
+      }
+      row.cells[5].title = c.last_line;
+    }
+    $('client-count').textContent = `(${state.clients.length})`;
+  }
+
+  function describeEvent(e) {
+    const who = clientName(e.client);
+    const where = e.level !== undefined ? ` level ${e.level}` : '';
+    switch (e.kind) {
+      case 'take': return `${who}: take${where} dst ${num(e.destination)} \u2190 src ${num(e.source)}`;
+      case 'lock': return `${who}: ${e.state === 1 ? 'lock' : e.state === 0 ? 'unlock' : 'lock state ' + e.state}${where} dst ${num(e.destination)}`;
+      case 'refused take': return `${who}: refused take${where} dst ${num(e.destination)} \u2190 src ${num(e.source)}: ${e.reason}`;
+      case 'refused lock': return `${who}: refused lock${where} dst ${num(e.destination)}: ${e.reason}`;
+      case 'connect': return `${who} connected from ${e.peer}`;
+      case 'disconnect': return `${who} disconnected: ${e.reason}`;
+    }
+    return `${who}: ${e.kind}`;
+  }
+
+  function eventItem(e) {
+    const item = document.createElement('li');
+    item.className = e.kind.replace(' ', '-') + (e.kind.startsWith('refused') ? ' refused' : '') + (e.kind === 'lock' ? ' lock' : '');
+    item.dataset.seq = String(e.seq);
+    item.dataset.kind = e.kind;
+    const time = document.createElement('time');
+    time.textContent = new Date(e.time).toLocaleTimeString();
+    item.appendChild(time);
+    item.appendChild(document.createTextNode(describeEvent(e)));
+    return item;
+  }
+
+  let eventsRendered = 0;  // the last seq in the list
+  let activityQueued = false;
+  function renderActivity(all) {
+    const list = $('activity');
+    if (all) { list.textContent = ''; eventsRendered = 0; }
+    const fresh = document.createDocumentFragment();
+    const newer = state.events.filter((e) => e.seq > eventsRendered);
+    for (let i = newer.length - 1; i >= 0; i--) fresh.appendChild(eventItem(newer[i]));
+    if (newer.length) eventsRendered = newer[newer.length - 1].seq;
+    list.insertBefore(fresh, list.firstChild);
+    while (list.children.length > MAX_EVENTS) list.removeChild(list.lastChild);
+  }
+  const queueActivity = () => {
+    if (activityQueued) return;
+    activityQueued = true;
+    requestAnimationFrame(() => { activityQueued = false; renderActivity(false); });
+  };
+
+  function addEvents(events) {
+    for (const e of events) {
+      state.events.push(e);
+      if (e.client === 0 && e.kind.startsWith('refused')) state.lastRefusal = e;
+    }
+    if (state.events.length > MAX_EVENTS) state.events.splice(0, state.events.length - MAX_EVENTS);
+    queueActivity();
+  }
+
+  function showMessage(text, kind) {
+    const message = $('message');
+    message.textContent = text;
+    message.dataset.kind = kind || '';
+  }
+
+  // ------------------------------------------------------------- the connection
+
+  let socket = null;
+  let retryDelay = 250;
+
+  function setConnection(name, text) {
+    const indicator = $('connection');
+    indicator.dataset.state = name;
+    indicator.textContent = text;
+    state.connected = name === 'open';
+  }
+
+  function connect() {
+    setConnection('connecting', 'connecting');
+    socket = new WebSocket((location.protocol === 'https:' ? 'wss://' : 'ws://') + location.host + '/ws');
+    socket.onmessage = (message) => receive(JSON.parse(message.data));
+    socket.onclose = () => {
+      setConnection('closed', 'disconnected: retrying');
+      socket = null;
+      setTimeout(connect, retryDelay);
+      retryDelay = Math.min(retryDelay * 2, 2000);
+    };
+  }
+
+  function receive(message) {
+    if (message.type === 'hello') return hello(message);
+    if (message.type === 'frame') return frame(message);
+  }
+
+  function hello(message) {
+    retryDelay = 250;
+    const shown = state.current ? state.current.number : null;
+    state.levels = message.levels.map((level) => ({
+      ...level, crosspoints: Int32Array.from(level.crosspoints), locks: Int32Array.from(level.locks),
+    }));
+    state.byNumber = new Map(state.levels.map((level) => [level.number, level]));
+    state.readonlyServer = message.readonly;
+    if (message.readonly) $('readonly').checked = true;
+    $('readonly').disabled = message.readonly;
+    state.clients = message.clients;
+    state.events = [];
+    state.hellos++;
+    renderTabs();
+    addEvents(message.events);
+    renderActivity(true);
+    renderClients();
+    loadSalvos();
+    select(state.byNumber.has(shown) ? shown : state.levels.length ? state.levels[0].number : null);
+    setConnection('open', 'live');
+  }
+
+  function frame(message) {
+    state.frames++;
+    const shown = state.current;
+    for (const [level, destination, source] of message.crosspoints) {
+      const target = state.byNumber.get(level);
+      if (!target || destination >= target.destinations) continue;
+      target.crosspoints[destination] = source;
+      if (target === shown) state.pendingPaint.push([level, destination, source]);
+    }
+    for (const [level, destination, lock] of message.locks) {
+      const target = state.byNumber.get(level);
+      if (target && destination < target.destinations) target.locks[destination] = lock;
+    }
+    if (message.events) addEvents(message.events);
+    if (message.clients) { state.clients = message.clients; renderClients(); }
+    if (message.crosspoints.length || message.locks.length) redraw();
+  }
+
+  // ------------------------------------------------------------- changes from the page
+
+  async function post(path, body) {
+    if ($('readonly').checked) {
+      showMessage('read-only: nothing changed', 'error');
+      return;
+    }
+    try {
+      const response = await fetch(path, {
+        method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(body),
+      });
+      const answer = await response.json();
+      if (response.ok) showMessage('', '');
+      else showMessage(`refused: ${answer.error}`, response.status === 409 || response.status === 400 ? 'refusal' : 'error');
+    } catch (error) {
+      showMessage('not sent: ' + error.message, 'error');
+    }
+  }
+
+  // ------------------------------------------------------------- saved routings (need --state)
+
+  async function request(method, path, body) {
+    const options = { method, headers: { 'Content-Type': 'application/json' } };
+    if (body !== undefined) options.body = JSON.stringify(body);
+    const response = await fetch(path, options);
+    return { ok: response.ok, status: response.status, answer: await response.json() };
+  }
+
+  async function loadSalvos() {
+    const list = $('salvos');
+    try {
+      const { ok, answer } = await request('GET', '/api/salvos');
+      state.salvos = ok ? answer.salvos : [];
+      list.replaceChildren();
+      if (!ok) {
+        const li = document.createElement('li');
+        li.className = 'none';
+        li.textContent = answer.error;
+        list.append(li);
+        return;
+      }
+      for (const salvo of answer.salvos) {
+        const li = document.createElement('li');
+        li.dataset.name = salvo.name;
+        const label = document.createElement('span');
+        label.textContent = `${salvo.name} (levels ${salvo.levels.join(', ')})`;
+        const recall = document.createElement('button');
+        recall.textContent = 'recall';
+        recall.addEventListener('click', () => salvoAction('POST', `/api/salvos/${salvo.name}/recall`));
+        const remove = document.createElement('button');
+        remove.textContent = 'delete';
+        remove.addEventListener('click', () => salvoAction('DELETE', `/api/salvos/${salvo.name}`));
+        li.append(label, recall, remove);
+        list.append(li);
+      }
+    } catch (error) {
+      showMessage('saved routings: ' + error.message, 'error');
+    }
+  }
+
+  async function salvoAction(method, path, body) {
+    if ($('readonly').checked) {
+      showMessage('read-only: nothing changed', 'error');
+      return;
+    }
+    try {
+      const { ok, answer } = await request(method, path, body);
+      if (!ok) showMessage(`refused: ${answer.error}`, 'refusal');
+      else if (answer.refused && answer.refused.length)
+        showMessage(`recalled ${answer.name}: ${answer.applied} taken, ${answer.refused.length} refused ` +
+                    `(${answer.refused.map((r) => `dst ${num(r.destination)}: ${r.reason}`).join('; ')})`, 'refusal');
+      else if (answer.applied !== undefined) showMessage(`recalled ${answer.name}: ${answer.applied} taken`, '');
+      else showMessage('', '');
+    } catch (error) {
+      showMessage('not sent: ' + error.message, 'error');
+    }
+    loadSalvos();
+  }
+
+  $('salvo-save').addEventListener('submit', (event) => {
+    event.preventDefault();
+    const body = { name: $('salvo-name').value.trim() };
+    if ($('salvo-scope').value === 'level' && state.current) body.level = state.current.number;
+    salvoAction('POST', '/api/salvos', body);
+  });
+
+  function take(destination, source) {
+    const level = state.current;
+    return post(`/api/levels/${level.number}/take`, { destination, source });
+  }
+
+  function toggleLock(destination) {
+    const level = state.current;
+    return post(`/api/levels/${level.number}/lock`, { destination, locked: level.locks[destination] !== 1 });
+  }
+
+  // ------------------------------------------------------------- pointer, keys, controls
+
+  const pointIn = (event) => {
+    const box = scroller.getBoundingClientRect();
+    return [event.clientX - box.left, event.clientY - box.top];
+  };
+
+  scroller.addEventListener('mousemove', (event) => {
+    const found = hit(...pointIn(event));
+    const hover = found ? { row: found.row, col: found.col } : null;
+    const info = $('hover-info');
+    if (found && found.kind === 'cell') info.textContent = `dst ${num(found.destination)} \u2190 src ${num(found.source)}`;
+    else if (found) info.textContent = `dst ${num(found.destination)}: ${state.current.locks[found.destination] === 1 ? 'unlock' : 'lock'}`;
+    else info.textContent = '';
+    if (JSON.stringify(hover) !== JSON.stringify(state.hover)) { state.hover = hover; redraw(); }
+  });
+  scroller.addEventListener('mouseleave', () => { state.hover = null; $('hover-info').textContent = ''; redraw(); });
+  scroller.addEventListener('click', (event) => {
+    const found = hit(...pointIn(event));
+    if (!found) return;
+    if (found.kind === 'cell') take(found.destination, found.source);
+    else toggleLock(found.destination);
+  });
+  scroller.addEventListener('scroll', redraw, { passive: true });
+  window.addEventListener('resize', redraw);
+
+  $('zoom').addEventListener('input', () => {
+    const g = geometry();
+    const centreCol = (scroller.scrollLeft + scroller.clientWidth / 2) / (g.zoom || 1);
+    const centreRow = (scroller.scrollTop + scroller.clientHeight / 2) / (g.zoom || 1);
+    resize();
+    const z = Number($('zoom').value);
+    scroller.scrollLeft = centreCol * z - scroller.clientWidth / 2;
+    scroller.scrollTop = centreRow * z - scroller.clientHeight / 2;
+  });
+  $('swap').addEventListener('change', resize);
+  $('decimal').addEventListener('change', () => {
+    $('jump-to').placeholder = decimal() ? 'dest (dec)' : 'dest (hex)';
+    resize();
+    renderActivity(true);
+  });
+  $('jump').addEventListener('submit', (event) => {
+    event.preventDefault();
+    const destination = parseNum($('jump-to').value);
+    if (!state.current || !(destination >= 0 && destination < state.current.destinations)) {
+      showMessage('no such destination', 'error');
+      return;
+    }
+    scrollToDestination(destination);
+  });
+
+  function scrollToDestination(destination) {
+    const g = geometry();
+    state.jumped = destination;
+    if (g.swap) scroller.scrollLeft = destination * g.zoom - (scroller.clientWidth - g.left) / 2;
+    else scroller.scrollTop = destination * g.zoom - (scroller.clientHeight - g.top) / 2;
+    showMessage('', '');
+    redraw();
+  }
+
+  // ------------------------------------------------------------- what tests and scripts may read
+
+  // A read-only view of what the page shows, so that tests assert on it rather than on pixels.
+  window.routerView = Object.freeze({
+    connected: () => state.connected,
+    hellos: () => state.hellos,
+    frames: () => state.frames,
+    paints: () => state.paints,
+    levels: () => state.levels.map(({ number, name, sources, destinations, leitch_level }) =>
+      ({ number, name, sources, destinations, leitch_level })),
+    shownLevel: () => (state.current ? state.current.number : null),
+    source: (level, destination) => state.byNumber.get(level).crosspoints[destination],
+    lock: (level, destination) => state.byNumber.get(level).locks[destination],
+    clients: () => state.clients.slice(),
+    events: () => state.events.slice(),
+    lastRefusal: () => state.lastRefusal,
+    message: () => $('message').textContent,
+    firstPaint: () => state.firstPaint,
+    paintLog: () => state.paintLog.slice(),
+    salvos: () => state.salvos.map(({ name, levels, crosspoints }) => ({ name, levels, crosspoints })),
+    select,
+    scrollToDestination,
+    // The centre of a cell or a lock box in page coordinates, once scrolled into view.
+    cellCentre: (destination, source) => centreOf(destination, source),
+    lockCentre: (destination) => centreOf(destination, null),
+  });
+
+  function centreOf(destination, source) {
+    const g = geometry();
+    const row = g.swap ? (source === null ? null : source) : destination;
+    const col = g.swap ? destination : source;
+    if (row !== null) scroller.scrollTop = Math.max(0, row * g.zoom - (scroller.clientHeight - g.top) / 2);
+    if (col !== null) scroller.scrollLeft = Math.max(0, col * g.zoom - (scroller.clientWidth - g.left) / 2);
+    const box = scroller.getBoundingClientRect();
+    const x = col === null ? g.labelW + 2 + LOCK / 2 : g.left + col * g.zoom - scroller.scrollLeft + g.zoom / 2;
+    const y = row === null ? 24 + LOCK / 2 : g.top + row * g.zoom - scroller.scrollTop + g.zoom / 2;
+    return { x: box.left + x, y: box.top + y };
+  }
+
+  connect();
+})();

@@ -1,0 +1,240 @@
+#include "sim/web/web_state.h"
+
+#include <algorithm>
+#include <ctime>
+
+#include <boost/asio/post.hpp>
+
+#include "sim/web/websocket_session.h"
+
+namespace routerd::web {
+
+using nlohmann::json;
+
+namespace {
+
+// A page may fall behind by a burst of frames before it counts as one that
+// does not read: this much, plus two frames that change every destination.
+constexpr std::size_t kPageQueueBase = 512 * 1024;
+// The most one destination's crosspoint and lock take in a frame message.
+constexpr std::size_t kFrameBytesPerDestination = 48;
+
+// level_mapping_video: the n-th router level listed is Leitch level n.
+std::vector<int> parse_mapping(const std::map<std::string, std::string>& converter) {
+    std::vector<int> levels;
+    const auto found = converter.find("level_mapping_video");
+    if (found == converter.end()) return levels;
+    const std::string& text = found->second;
+    std::size_t begin = 0;
+    while (begin <= text.size()) {
+        const std::size_t end = std::min(text.find(',', begin), text.size());
+        try {
+            levels.push_back(std::stoi(text.substr(begin, end - begin)));
+        } catch (const std::exception&) {
+            levels.push_back(-1);
+        }
+        begin = end + 1;
+    }
+    return levels;
+}
+
+std::int64_t epoch_ms(std::chrono::system_clock::time_point time) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
+}
+
+json event_json(const ActivityEvent& event) {
+    json out = {{"seq", event.seq}, {"time", epoch_ms(event.time)}, {"kind", kind_name(event.kind)},
+                {"client", event.client}};
+    switch (event.kind) {
+        case ActivityEvent::Kind::take:
+        case ActivityEvent::Kind::refused_take:
+            out["level"] = event.level;
+            out["destination"] = event.destination;
+            out["source"] = event.value;
+            break;
+        case ActivityEvent::Kind::lock:
+        case ActivityEvent::Kind::refused_lock:
+            out["level"] = event.level;
+            out["destination"] = event.destination;
+            out["state"] = event.value;
+            break;
+        case ActivityEvent::Kind::connect: out["peer"] = event.text; break;
+        case ActivityEvent::Kind::disconnect: out["reason"] = event.text; break;
+    }
+    if (event.kind == ActivityEvent::Kind::refused_take || event.kind == ActivityEvent::Kind::refused_lock)
+        out["reason"] = event.text;
+    return out;
+}
+
+}  // namespace
+
+WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig& config, Router& router,
+                   SwitchQueue& switches, SessionManager& sessions, const Log& log)
+    : executor_(std::move(executor)),
+      config_(config.web),
+      leitch_levels_(parse_mapping(config.converter)),
+      router_(router),
+      switches_(switches),
+      sessions_(sessions),
+      log_(log),
+      page_queue_bound_(kPageQueueBase + 2 * kFrameBytesPerDestination * router.total_destinations()) {
+    router_.subscribe(*this);
+}
+
+WebState::~WebState() { router_.unsubscribe(*this); }
+
+int WebState::leitch_level(int level) const {
+    const auto found = std::find(leitch_levels_.begin(), leitch_levels_.end(), level);
+    return found == leitch_levels_.end() ? -1 : static_cast<int>(found - leitch_levels_.begin());
+}
+
+json WebState::levels_json() const {
+    json levels = json::array();
+    for (const LevelSpec& level : router_.levels()) {
+        const int leitch = leitch_level(level.number);
+        levels.push_back({{"number", level.number},
+                          {"name", level.name},
+                          {"sources", level.sources},
+                          {"destinations", level.destinations},
+                          {"leitch_level", leitch < 0 ? json(nullptr) : json(leitch)}});
+    }
+    return levels;
+}
+
+json WebState::level_json(const LevelSpec& level) const {
+    std::vector<int> crosspoints(static_cast<std::size_t>(level.destinations));
+    std::vector<int> locks(static_cast<std::size_t>(level.destinations));
+    for (int d = 0; d < level.destinations; ++d) {
+        crosspoints[static_cast<std::size_t>(d)] = router_.source_of(level.number, d);
+        locks[static_cast<std::size_t>(d)] = router_.lock_of(level.number, d);
+    }
+    const int leitch = leitch_level(level.number);
+    return {{"number", level.number},
+            {"name", level.name},
+            {"sources", level.sources},
+            {"destinations", level.destinations},
+            {"leitch_level", leitch < 0 ? json(nullptr) : json(leitch)},
+            {"crosspoints", crosspoints},
+            {"locks", locks}};
+}
+
+json WebState::clients_json() const {
+    std::vector<const ClientInfo*> infos;
+    for (const auto& session : sessions_.sessions()) infos.push_back(&session->info());
+    std::sort(infos.begin(), infos.end(), [](const ClientInfo* a, const ClientInfo* b) { return a->id < b->id; });
+    json clients = json::array();
+    for (const ClientInfo* info : infos) {
+        clients.push_back({{"id", info->id},
+                           {"peer", info->peer},
+                           {"connected_since", epoch_ms(info->connected_since)},
+                           {"report_mode", info->report_mode},
+                           {"lines_received", info->lines_received},
+                           // Whatever bytes a client sent: never let them break the JSON.
+                           {"last_line", escape(info->last_line)}});
+    }
+    return clients;
+}
+
+json WebState::events_json(std::uint64_t after) const {
+    json events = json::array();
+    for (const ActivityEvent& event : activity_.events()) {
+        if (event.seq > after) events.push_back(event_json(event));
+    }
+    return events;
+}
+
+std::string WebState::hello() const {
+    json levels = json::array();
+    for (const LevelSpec& level : router_.levels()) levels.push_back(level_json(level));
+    return json{{"type", "hello"},
+                {"readonly", config_.readonly},
+                {"levels", std::move(levels)},
+                {"clients", clients_json()},
+                {"events", events_json(0)}}
+        .dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+void WebState::crosspoint_changed(int level, int source, int destination) {
+    if (!pages_.empty()) crosspoints_.push_back({level, destination, source});
+}
+
+void WebState::lock_changed(int level, int destination, int state) {
+    if (!pages_.empty()) locks_.push_back({level, destination, state});
+}
+
+void WebState::switch_asked(int client, Kind kind, int level, int destination, int value, Refusal refusal) {
+    using K = ActivityEvent::Kind;
+    const bool refused = refusal != Refusal::none;
+    const K event_kind = kind == Kind::take ? (refused ? K::refused_take : K::take)
+                                            : (refused ? K::refused_lock : K::lock);
+    ActivityEvent& event = activity_.add(event_kind, client);
+    event.level = level;
+    event.destination = destination;
+    event.value = value;
+    if (refused) {
+        event.text = describe(refusal);
+        // An applied change is pushed with its frame; a refusal makes no frame.
+        push_soon();
+    }
+}
+
+void WebState::client_connected(const Session& session) {
+    activity_.add(ActivityEvent::Kind::connect, session.id()).text = session.info().peer;
+    clients_changed_ = true;
+    push_soon();
+}
+
+void WebState::client_disconnected(const Session& session, const std::string& reason) {
+    activity_.add(ActivityEvent::Kind::disconnect, session.id()).text = reason;
+    clients_changed_ = true;
+    push_soon();
+}
+
+void WebState::tick() {
+    std::size_t lines = 0;
+    for (const auto& session : sessions_.sessions()) lines += session->info().lines_received;
+    if (lines != lines_seen_) clients_changed_ = true;
+    lines_seen_ = lines;
+    if (clients_changed_) push();
+    const auto now = std::chrono::steady_clock::now();
+    for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end()))
+        page->check_stalled(now);
+}
+
+void WebState::push_soon() {
+    if (push_posted_) return;
+    push_posted_ = true;
+    // The state outlives the io_context's run, so the handler may hold `this`.
+    boost::asio::post(executor_, [this] {
+        push_posted_ = false;
+        push();
+    });
+}
+
+void WebState::push() {
+    const bool new_events = activity_.last_seq() != pushed_seq_;
+    if (pages_.empty()) {
+        crosspoints_.clear();
+        locks_.clear();
+        pushed_seq_ = activity_.last_seq();
+        clients_changed_ = false;
+        return;
+    }
+    if (crosspoints_.empty() && locks_.empty() && !new_events && !clients_changed_) return;
+    json frame = {{"type", "frame"}, {"crosspoints", crosspoints_}, {"locks", locks_}};
+    if (new_events) frame["events"] = events_json(pushed_seq_);
+    if (clients_changed_) frame["clients"] = clients_json();
+    const auto message = std::make_shared<const std::string>(frame.dump(-1, ' ', false, json::error_handler_t::replace));
+    crosspoints_.clear();
+    locks_.clear();
+    pushed_seq_ = activity_.last_seq();
+    clients_changed_ = false;
+    for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end())) page->send(message);
+}
+
+void WebState::stop_pages() {
+    for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end()))
+        page->close("simulator shutting down");
+}
+
+}  // namespace routerd::web

@@ -1,0 +1,106 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <boost/asio/any_io_executor.hpp>
+#include <nlohmann/json.hpp>
+
+#include "sim/config.h"
+#include "sim/log.h"
+#include "sim/router.h"
+#include "sim/session.h"
+#include "sim/session_manager.h"
+#include "sim/state_store.h"
+#include "sim/switch_queue.h"
+#include "sim/web/activity_log.h"
+
+namespace routerd::web {
+
+class WebSocketSession;
+
+// What every page and every API request shares: the router, the clients and
+// the activity log, and the open pages. Changes of one frame are gathered as
+// the router tells them and pushed to every page when the frame ends, in the
+// same event, as one message; events that happen outside a frame (refusals,
+// clients coming and going) are pushed in an event of their own.
+class WebState final : private RouterObserver, public SwitchWatcher, public SessionWatcher {
+public:
+    static constexpr std::size_t kActivityEvents = 300;
+
+    WebState(boost::asio::any_io_executor executor, const SimulatorConfig& config, Router& router,
+             SwitchQueue& switches, SessionManager& sessions, const Log& log);
+    ~WebState();
+    WebState(const WebState&) = delete;
+    WebState& operator=(const WebState&) = delete;
+
+    const WebConfig& config() const { return config_; }
+    const Log& log() const { return log_; }
+    Router& router() { return router_; }
+    SwitchQueue& switches() { return switches_; }
+    // The state file, where saved routings live; null without --state.
+    StateStore* store() { return store_; }
+    void set_store(StateStore* store) { store_ = store; }
+
+    // The Leitch level a router level is seen as, or -1.
+    int leitch_level(int level) const;
+
+    nlohmann::json levels_json() const;
+    nlohmann::json level_json(const LevelSpec& level) const;
+    nlohmann::json clients_json() const;
+    nlohmann::json events_json(std::uint64_t after) const;
+    // Everything a page shows, for a page that has just connected.
+    std::string hello() const;
+
+    // Pages register while open; they are told every frame.
+    std::size_t pages() const { return pages_.size(); }
+    void join(WebSocketSession& page) { pages_.insert(&page); }
+    void leave(WebSocketSession& page) { pages_.erase(&page); }
+    int next_page_id() { return next_page_++; }
+    // The most a page may have waiting before it counts as one that does not read.
+    std::size_t page_queue_bound() const { return page_queue_bound_; }
+
+    // The end of a frame: what it changed goes to every page now.
+    void frame_done() { push(); }
+    // Once a second: the clients' line counts, pages that stopped reading.
+    void tick();
+    void stop_pages();
+
+    void switch_asked(int client, Kind kind, int level, int destination, int value, Refusal refusal) override;
+    void client_connected(const Session& session) override;
+    void client_disconnected(const Session& session, const std::string& reason) override;
+
+private:
+    void crosspoint_changed(int level, int source, int destination) override;
+    void lock_changed(int level, int destination, int state) override;
+
+    void push_soon();
+    void push();
+
+    boost::asio::any_io_executor executor_;
+    WebConfig config_;
+    std::vector<int> leitch_levels_;  // the router level of each Leitch level
+    Router& router_;
+    StateStore* store_ = nullptr;
+    SwitchQueue& switches_;
+    SessionManager& sessions_;
+    const Log& log_;
+    ActivityLog activity_{kActivityEvents};
+    std::set<WebSocketSession*> pages_;
+    int next_page_ = 1;
+    std::size_t page_queue_bound_;
+
+    std::vector<std::array<int, 3>> crosspoints_;  // level, destination, source: told since the last push
+    std::vector<std::array<int, 3>> locks_;        // level, destination, state
+    std::uint64_t pushed_seq_ = 0;                 // the last event pushed
+    bool clients_changed_ = false;
+    std::size_t lines_seen_ = 0;                   // lines received by all clients, at the last tick
+    bool push_posted_ = false;
+};
+
+}  // namespace routerd::web

@@ -1,0 +1,62 @@
+#include "sim/web/web_view.h"
+
+#include "sim/server.h"
+
+namespace routerd::web {
+
+using boost::asio::ip::tcp;
+
+namespace {
+
+tcp::endpoint resolve(boost::asio::io_context& io, const std::string& listen) {
+    ListenAddress address;
+    try {
+        address = parse_listen(listen);
+    } catch (const std::invalid_argument& e) {
+        throw ListenError("cannot serve the web view on " + listen + ": " + e.what());
+    }
+    boost::system::error_code ec;
+    tcp::resolver resolver(io);
+    const auto results = resolver.resolve(address.host, std::to_string(address.port),
+                                          tcp::resolver::passive | tcp::resolver::numeric_service, ec);
+    if (ec || results.empty()) throw ListenError("cannot serve the web view on " + listen + ": " + ec.message());
+    return results.begin()->endpoint();
+}
+
+}  // namespace
+
+WebView::WebView(boost::asio::io_context& io, const SimulatorConfig& config, Router& router, SwitchQueue& switches,
+                 SessionManager& sessions, const Log& log)
+    : state_(io.get_executor(), config, router, switches, sessions, log) {
+    if (config.web.listen == "off") return;
+    const tcp::endpoint endpoint = resolve(io, config.web.listen);
+    try {
+        listener_ = std::make_unique<Listener>(io, endpoint, state_);
+    } catch (const boost::system::system_error& e) {
+        if (config.web.listen_named)
+            throw ListenError("cannot serve the web view on " + config.web.listen + ": " + e.code().message());
+        log.info("web view off: cannot serve it on " + config.web.listen + " (" + e.code().message() +
+                 "); use --http HOST:PORT for another address");
+        return;
+    }
+    if (!endpoint.address().is_loopback())
+        log.info("warning: the web view on " + config.web.listen +
+                 " is reachable from other machines; anyone who reaches it can switch the router" +
+                 (config.web.readonly ? std::string(" (read-only: changes are refused)") : std::string()));
+}
+
+std::optional<tcp::endpoint> WebView::endpoint() const {
+    if (!listener_) return std::nullopt;
+    return listener_->local_endpoint();
+}
+
+void WebView::run() {
+    if (listener_) listener_->run();
+}
+
+void WebView::stop() {
+    if (listener_) listener_->stop();
+    state_.stop_pages();
+}
+
+}  // namespace routerd::web

@@ -1,0 +1,167 @@
+// Sessions recorded by leitch-routerd --record, played back by leitch-replay.
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "routerd_process.h"
+#include "support/child_process.h"
+
+namespace simtest {
+namespace {
+
+namespace fs = std::filesystem;
+const std::string kPrompt = "\r\n>";
+
+// Runs a program to its end; its exit status and standard output.
+struct ProgramRun {
+    int code = -1;
+    std::string output;
+};
+
+ProgramRun run_program(const std::string& binary, const std::vector<std::string>& args) {
+    const testhost::Child child = testhost::spawn_child(binary, args, -1);
+    ProgramRun result;
+    char chunk[4096];
+    for (;;) {
+        const ssize_t n = read(child.out_fd, chunk, sizeof chunk);
+        if (n <= 0) break;
+        result.output.append(chunk, static_cast<std::size_t>(n));
+    }
+    close(child.out_fd);
+    result.code = testhost::wait_for_exit(child.pid, testhost::SteadyClock::now() + 30s);
+    return result;
+}
+
+std::vector<std::string> recordings(const std::string& directory) {
+    std::vector<std::string> files;
+    for (const auto& entry : fs::directory_iterator(directory)) files.push_back(entry.path().string());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+std::string text_of(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+class RecordingTest : public testing::Test {
+protected:
+    RecordingTest() : directory_(fs::temp_directory_path() / ("routerd-recordings-" + std::to_string(getpid()))) {
+        fs::remove_all(directory_);
+    }
+    ~RecordingTest() override { fs::remove_all(directory_); }
+
+    // Two clients: one in report mode that takes, queries and locks, one that
+    // takes; both then leave and the simulator stops. Its log.
+    std::string record_two_clients(const std::vector<std::string>& extra = {}) {
+        std::vector<std::string> args{"--record", directory_.string()};
+        args.insert(args.end(), extra.begin(), extra.end());
+        Routerd routerd(args);
+        {
+            Client first(routerd.port()), second(routerd.port());
+            first.send("@ ?\r");
+            EXPECT_EQ(first.read_until(kPrompt), "@ ?" + kPrompt);
+            first.send("@ X:0/5,3\r\n");
+            EXPECT_EQ(first.read_until("S:05,3" + kPrompt), "@ X:0/5,3" + kPrompt + kPrompt + "\r\nS:05,3" + kPrompt);
+            second.send("@ X:1/4,2\r");
+            EXPECT_EQ(first.read_until("S:14,2" + kPrompt), "\r\nS:14,2" + kPrompt);
+            first.send("@ P:0/2,1;@ W:0/2,1,1\r");
+            EXPECT_EQ(first.read_until("W!02,1,1" + kPrompt),
+                      "@ P:0/2,1\r\n@ W:0/2,1,1" + kPrompt + "\r\nW!02,1,1" + kPrompt);
+            first.send("@ S?0\r");
+            EXPECT_FALSE(first.read_until("S:01F,0" + kPrompt).empty());
+        }
+        EXPECT_TRUE(routerd.log_contains("client 2 (127.0.0.1:"));
+        EXPECT_EQ(routerd.stop(SIGTERM), 0);
+        return routerd.log();
+    }
+
+    fs::path directory_;
+};
+
+TEST_F(RecordingTest, EveryClientLinkIsRecordedInTheTranscriptFormat) {
+    record_two_clients();
+    const std::vector<std::string> files = recordings(directory_.string());
+    ASSERT_EQ(files.size(), 2u);
+    EXPECT_NE(files[0].find("-client1-127.0.0.1_"), std::string::npos) << files[0];
+    EXPECT_NE(files[1].find("-client2-127.0.0.1_"), std::string::npos) << files[1];
+    const std::string first = text_of(files[0]);
+    EXPECT_NE(first.find("config device_id \"1\"\nconfig level_control_video \"on,on\"\n"
+                         "config level_mapping_video \"0,1\"\nlevels 0:32x32 1:32x32\ncrosspoint 0 0 0\n"),
+              std::string::npos)
+        << first.substr(0, 400);
+    EXPECT_NE(first.find("recv \"@ ?\\r\"\n  send \"@ ?\"\n  send \"\\r\\n>\"\n"), std::string::npos);
+    EXPECT_NE(first.find("recv \"@ X:0/5,3\\r\\n\"\n  send \"@ X:0/5,3\"\n  call PresetCrosspoint 0 3 5\n"
+                         "  call TakePresets\n  send \"\\r\\n>\"\n  send \"\\r\\n>\"\ncrosspoint 0 3 5\n"
+                         "  send \"\\r\\nS:05,3\"\n  send \"\\r\\n>\"\n"),
+              std::string::npos);
+    EXPECT_NE(first.find("crosspoint 1 2 4\n  send \"\\r\\nS:14,2\"\n  send \"\\r\\n>\"\n"), std::string::npos);
+}
+
+TEST_F(RecordingTest, ARecordedSessionReplaysWithNoDifference) {
+    record_two_clients();
+    const std::vector<std::string> files = recordings(directory_.string());
+    ASSERT_EQ(files.size(), 2u);
+    const ProgramRun replay = run_program(LEITCH_REPLAY_PATH, {"--plugin", LEITCH_PLUGIN_PATH, files[0], files[1]});
+    EXPECT_EQ(replay.code, 0) << replay.output;
+    EXPECT_EQ(replay.output.find(files[0] + ": matched ("), 0u) << replay.output;
+    EXPECT_NE(replay.output.find(files[1] + ": matched ("), std::string::npos) << replay.output;
+}
+
+TEST_F(RecordingTest, ReplayAgainstAChangedPluginNamesTheFirstDifference) {
+    record_two_clients();
+    const std::string file = recordings(directory_.string()).at(0);
+    const ProgramRun replay = run_program(LEITCH_REPLAY_PATH, {"--plugin", LEITCH_ALTERED_PLUGIN_PATH, file});
+    EXPECT_EQ(replay.code, 1) << replay.output;
+    // The first report of the file is the take's, told after the frame.
+    std::istringstream lines(text_of(file));
+    std::string line;
+    int number = 0, crosspoint_line = 0;
+    while (std::getline(lines, line)) {
+        ++number;
+        if (line == "crosspoint 0 3 5") crosspoint_line = number;
+    }
+    ASSERT_GT(crosspoint_line, 0);
+    EXPECT_EQ(replay.output.find(file + ":" + std::to_string(crosspoint_line) +
+                                 ": after crosspoint, event 1: expected send \"\\r\\nS:05,3\", got send "
+                                 "\"\\r\\ns:05,3\""),
+              0u)
+        << replay.output;
+}
+
+TEST_F(RecordingTest, ARecordingStopsAtItsBoundAndWhatWasWrittenStillPlays) {
+    const TempFile config("bounded.toml", "[record]\nmax_bytes = 2048\n");
+    const std::string log = record_two_clients({"--config", config.path()});
+    const std::vector<std::string> files = recordings(directory_.string());
+    ASSERT_EQ(files.size(), 2u);
+    EXPECT_NE(log.find("client 1: recording stopped at "), std::string::npos) << log;
+    EXPECT_NE(log.find(" bytes (the bound is 2048): " + files[0]), std::string::npos) << log;
+    EXPECT_LE(fs::file_size(files[0]), 2048u);
+    EXPECT_GT(fs::file_size(files[0]), 1024u);
+    const ProgramRun replay = run_program(LEITCH_REPLAY_PATH, {"--plugin", LEITCH_PLUGIN_PATH, files[0]});
+    EXPECT_EQ(replay.code, 0) << replay.output;
+}
+
+TEST(RecordingDirectory, ADirectoryThatCannotBeWrittenIsRefusedAtStartUp) {
+    const TempFile file("not_a_directory", "");
+    const ExitResult result = run_routerd({"--listen", "127.0.0.1:0", "--record", file.path()});
+    EXPECT_EQ(result.code, 2);
+    EXPECT_NE(result.errors.find("cannot record to " + file.path()), std::string::npos) << result.errors;
+}
+
+TEST(RecordingDirectory, ReplayOfAMissingFileExitsWithTwo) {
+    const ProgramRun replay = run_program(LEITCH_REPLAY_PATH, {"--plugin", LEITCH_PLUGIN_PATH, "/nonexistent/recording.txt"});
+    EXPECT_EQ(replay.code, 2);
+}
+
+}  // namespace
+}  // namespace simtest

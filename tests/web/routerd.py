@@ -1,0 +1,246 @@
+"""Starting leitch-routerd with its web view on free ports, and talking to it
+as a Leitch client, an HTTP client and a WebSocket client would."""
+
+import base64
+import http.client
+import json
+import os
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import tempfile
+import time
+
+ROUTERD = os.environ.get("LEITCH_ROUTERD", "")
+CONFIGS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "sim", "configs")
+
+
+class Routerd:
+    """leitch-routerd on free ports; stopped when closed."""
+
+    def __init__(self, *args, http="127.0.0.1:0", listen="127.0.0.1:0"):
+        self.directory = tempfile.mkdtemp(prefix="routerd-web-")
+        self.log_path = os.path.join(self.directory, "stderr")
+        command = [ROUTERD, "--listen", listen]
+        if http is not None:
+            command += ["--http", http]
+        command += list(args)
+        with open(self.log_path, "wb") as log:
+            self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=log)
+        first = self.process.stdout.readline().decode()
+        if not first.startswith("listening on 127.0.0.1:"):
+            self.close()
+            raise RuntimeError("leitch-routerd did not start: %r\n%s" % (first, self.log()))
+        self.port = int(first.rsplit(":", 1)[1])
+        self.web_port = None
+        if http is not None and http != "off":
+            second = self.process.stdout.readline().decode()
+            prefix = "web view on http://"
+            if not second.startswith(prefix):
+                self.close()
+                raise RuntimeError("no web view: %r\n%s" % (second, self.log()))
+            self.web_port = int(second.rstrip("/\n").rsplit(":", 1)[1])
+
+    @property
+    def url(self):
+        return "http://127.0.0.1:%d/" % self.web_port
+
+    @property
+    def host(self):
+        return "127.0.0.1:%d" % self.web_port
+
+    def log(self):
+        with open(self.log_path, "rb") as f:
+            return f.read().decode(errors="replace")
+
+    def log_contains(self, text, timeout=5.0):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if text in self.log():
+                return True
+            time.sleep(0.05)
+        return False
+
+    def resident_kib(self):
+        with open("/proc/%d/status" % self.process.pid) as f:
+            for line in f:
+                if line.startswith("VmRSS:"):
+                    return int(line.split()[1])
+        return -1
+
+    def cpu_seconds(self):
+        with open("/proc/%d/stat" % self.process.pid) as f:
+            fields = f.read().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def stop(self):
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGTERM)
+            try:
+                self.process.wait(10)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+        return self.process.returncode
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait()
+        self.process.stdout.close()
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+
+class LeitchClient:
+    """A Leitch client over TCP."""
+
+    def __init__(self, port):
+        self.sock = socket.create_connection(("127.0.0.1", port), timeout=10)
+        self.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        self.received = b""
+
+    def send(self, text):
+        self.sock.sendall(text.encode())
+
+    def read_until(self, text, timeout=5.0):
+        """Everything up to and including `text`; None on timeout."""
+        wanted = text.encode()
+        deadline = time.monotonic() + timeout
+        while wanted not in self.received:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                return None
+            self.sock.settimeout(left)
+            try:
+                chunk = self.sock.recv(65536)
+            except socket.timeout:
+                return None
+            if not chunk:
+                return None
+            self.received += chunk
+        end = self.received.index(wanted) + len(wanted)
+        found, self.received = self.received[:end], self.received[end:]
+        return found.decode()
+
+    def report_mode(self):
+        self.send("@ ?\r")
+        assert self.read_until("\r\n>") is not None
+
+    def close(self):
+        self.sock.close()
+
+
+def request(routerd, method, path, body=None, headers=None, raw_body=None):
+    """(status, parsed JSON or text) of one HTTP request."""
+    connection = http.client.HTTPConnection("127.0.0.1", routerd.web_port, timeout=10)
+    data = raw_body if raw_body is not None else (json.dumps(body) if body is not None else None)
+    all_headers = {"Content-Type": "application/json"} if data is not None else {}
+    all_headers.update(headers or {})
+    connection.request(method, path, body=data, headers=all_headers)
+    response = connection.getresponse()
+    text = response.read().decode()
+    connection.close()
+    try:
+        return response.status, json.loads(text)
+    except ValueError:
+        return response.status, text
+
+
+class WebSocket:
+    """A minimal WebSocket client: text messages in, nothing out."""
+
+    def __init__(self, port, origin=None, host=None, receive_buffer=None):
+        self.sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        if receive_buffer:
+            self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+        self.sock.settimeout(10)
+        self.sock.connect(("127.0.0.1", port))
+        key = base64.b64encode(os.urandom(16)).decode()
+        lines = ["GET /ws HTTP/1.1", "Host: %s" % (host or "127.0.0.1:%d" % port), "Upgrade: websocket",
+                 "Connection: Upgrade", "Sec-WebSocket-Key: " + key, "Sec-WebSocket-Version: 13"]
+        if origin:
+            lines.append("Origin: " + origin)
+        self.sock.sendall(("\r\n".join(lines) + "\r\n\r\n").encode())
+        self.buffer = b""
+        while b"\r\n\r\n" not in self.buffer:
+            chunk = self.sock.recv(4096)
+            if not chunk:
+                break
+            self.buffer += chunk
+        head, _, self.buffer = self.buffer.partition(b"\r\n\r\n")
+        self.status = int(head.split(b" ")[1]) if head else 0
+
+    def _fill(self, count, deadline):
+        while len(self.buffer) < count:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                raise TimeoutError
+            self.sock.settimeout(left)
+            chunk = self.sock.recv(1 << 20)
+            if not chunk:
+                raise EOFError
+            self.buffer += chunk
+
+    def receive(self, timeout=5.0):
+        """The next text message, parsed; pings are answered on the way."""
+        deadline = time.monotonic() + timeout
+        message = b""
+        while True:
+            self._fill(2, deadline)
+            final = self.buffer[0] & 0x80
+            opcode = self.buffer[0] & 0x0F
+            length = self.buffer[1] & 0x7F
+            offset = 2
+            if length == 126:
+                self._fill(4, deadline)
+                length = struct.unpack(">H", self.buffer[2:4])[0]
+                offset = 4
+            elif length == 127:
+                self._fill(10, deadline)
+                length = struct.unpack(">Q", self.buffer[2:10])[0]
+                offset = 10
+            self._fill(offset + length, deadline)
+            payload = self.buffer[offset:offset + length]
+            self.buffer = self.buffer[offset + length:]
+            if opcode == 0x9:
+                self._send(0xA, payload)
+                continue
+            if opcode == 0x8:
+                raise EOFError
+            if opcode in (0x0, 0x1):
+                message += payload
+                if final:
+                    return json.loads(message)
+
+    def _send(self, opcode, payload):
+        mask = os.urandom(4)
+        header = bytes([0x80 | opcode, 0x80 | len(payload)]) + mask
+        self.sock.sendall(header + bytes(b ^ mask[i % 4] for i, b in enumerate(payload)))
+
+    def closed_by_server(self, timeout=15.0):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            self.sock.settimeout(max(0.01, deadline - time.monotonic()))
+            try:
+                if not self.sock.recv(1 << 16):
+                    return True
+            except socket.timeout:
+                return False
+            except ConnectionResetError:
+                return True
+        return False
+
+    def close(self):
+        self.sock.close()
+
+
+def config(name):
+    return os.path.join(CONFIGS, name)
