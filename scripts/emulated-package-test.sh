@@ -29,5 +29,5 @@ echo "exports: $exports"
 
 scripts/routerd-smoke.sh "$PWD/build/emulated-routerd-$arch.log" \
   "$qemu" -L "/usr/$triplet" "$root/usr/bin/leitch-routerd" \
-  --config "$root/etc/leitch-routerd/leitch-routerd.toml" --plugin "$plugin" --listen 127.0.0.1:0
+  --config "$root/etc/leitch-routerd/leitch-routerd.toml" --plugin "$plugin" --listen 127.0.0.1:0 --http off
 echo "the $arch packages work under $qemu"

@@ -60,7 +60,7 @@ test "$(in_root dpkg-query -W -f='${Conffiles}' leitch-routerd | awk '{print $1}
 echo "=== the installed leitch-routerd, as user nobody, with the installed configuration"
 # Port 0: the machine may already have a simulator on the configured port.
 log=$PWD/build/install-routerd.log
-scripts/routerd-smoke.sh "$log" chroot --userspec=65534:65534 "$root" /usr/bin/leitch-routerd --listen 127.0.0.1:0
+scripts/routerd-smoke.sh "$log" chroot --userspec=65534:65534 "$root" /usr/bin/leitch-routerd --listen 127.0.0.1:0 --http off
 grep -q 'router from /etc/leitch-routerd/leitch-routerd.toml' "$log"
 grep -q "plug-in /usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/leitch-passthrough/libleitch_passthrough.so" "$log"
 

@@ -21,7 +21,9 @@ cleanup() {
   mountpoint -q "$root/proc" && umount "$root/proc"
   if [ -n "$container" ] && kill -0 "$container" 2>/dev/null; then
     kill -TERM "$container"  # systemd-nspawn shuts the container down in order
-    for _ in $(seq 100); do kill -0 "$container" 2>/dev/null || break; sleep 0.1; done
+    for _ in $(seq 300); do kill -0 "$container" 2>/dev/null || break; sleep 0.1; done
+    # A second SIGTERM ends it at once.
+    kill -TERM "$container" 2>/dev/null && sleep 1
   fi
   true
 }
@@ -40,14 +42,19 @@ umount "$root/proc"
 
 listening() { [ -n "$(ss -Htln "sport = :$1")" ]; }
 
-# The container shares this machine's loopback: move the configured port to a free one.
-port=""
+# The container shares this machine's loopback: move the configured ports (the
+# Leitch clients' and the web view's) to free ones.
+free_ports=()
 for candidate in $(shuf -i 20000-29999 -n 50); do
-  listening "$candidate" || { port=$candidate; break; }
+  listening "$candidate" || free_ports+=("$candidate")
 done
-[ -n "$port" ] || { echo "no free port" >&2; exit 1; }
-sed -i "s/^listen = \"127.0.0.1:2323\"/listen = \"127.0.0.1:$port\"/" "$root/etc/leitch-routerd/leitch-routerd.toml"
-grep -q "127.0.0.1:$port" "$root/etc/leitch-routerd/leitch-routerd.toml"
+[ ${#free_ports[@]} -ge 2 ] || { echo "no free ports" >&2; exit 1; }
+port=${free_ports[0]}
+http_port=${free_ports[1]}
+config=$root/etc/leitch-routerd/leitch-routerd.toml
+sed -i "s/^listen = \"127.0.0.1:2323\"/listen = \"127.0.0.1:$port\"/" "$config"
+grep -q "127.0.0.1:$port" "$config"
+printf '\n[http]\nlisten = "127.0.0.1:%s"\n' "$http_port" >>"$config"
 
 echo "=== boot with systemd-nspawn"
 systemd-nspawn -D "$root" --boot --register=no --keep-unit -q --console=pipe >build/service-boot.log 2>&1 &
@@ -55,12 +62,12 @@ container=$!
 in_container() { nsenter -t "$leader" -a "$@"; }
 leader=""
 for _ in $(seq 300); do
-  leader=$(ps -o pid= --ppid "$container" | head -n 1 | tr -d ' ')
+  leader=$(ps -o pid= --ppid "$container" | head -n 1 | tr -d ' ' || true)  # none until it has started
   [ -n "$leader" ] && in_container systemctl is-active -q leitch-routerd.service 2>/dev/null && break
   kill -0 "$container" 2>/dev/null || { cat build/service-boot.log >&2; exit 1; }
   sleep 0.1
 done
-in_container systemctl status --no-pager leitch-routerd.service | sed 's/^/  /'
+in_container systemctl status --no-pager leitch-routerd.service | sed 's/^/  /' || true
 in_container systemctl is-active -q leitch-routerd.service
 for _ in $(seq 100); do listening "$port" && break; sleep 0.1; done
 
@@ -74,8 +81,14 @@ echo "  runs as uid $uid, groups $groups (dialout is $dialout)"
 [ "$uid" -ge 61184 ] && [ "$uid" -le 65519 ] || { echo "not a dynamic user: uid $uid" >&2; exit 1; }
 [[ " $groups " == *" $dialout "* ]] || { echo "not in the dialout group" >&2; exit 1; }
 
-echo "=== a take over TCP"
+echo "=== a take over TCP, and the web view"
 scripts/routerd-smoke.sh --take "$port"
+exec 3<>"/dev/tcp/127.0.0.1/$http_port"
+printf 'GET / HTTP/1.1\r\nHost: 127.0.0.1:%s\r\nConnection: close\r\n\r\n' "$http_port" >&3
+page=$(timeout 3 cat <&3 || true)
+exec 3>&-
+echo "  web view: ${page%%$'\r'*}"
+[[ $page == "HTTP/1.1 200"* ]] || { echo "the web view did not answer" >&2; exit 1; }
 
 echo "=== SIGHUP is ignored; a killed simulator is restarted"
 in_container systemctl kill -s HUP leitch-routerd.service
