@@ -19,18 +19,7 @@ namespace routerd {
 
 namespace {
 
-std::string time_stamp() {
-    const auto now = std::chrono::system_clock::now();
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-    const auto millis =
-        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    char stamp[32];
-    const std::size_t length = std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-    std::snprintf(stamp + length, sizeof stamp - length, ".%03lld ", static_cast<long long>(millis));
-    return stamp;
-}
+std::string time_stamp() { return local_time("%Y-%m-%d %H:%M:%S") + " "; }
 
 // systemd names the journal's stream in JOURNAL_STREAM ("device:inode"); when
 // standard error is still that stream, the journal stamps every line itself.
@@ -179,6 +168,19 @@ void RefusalLog::end_second() {
 }
 
 std::string client_name(int client) { return client == 0 ? "web" : "client " + std::to_string(client); }
+
+std::string local_time(const char* format) {
+    const auto now = std::chrono::system_clock::now();
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    const auto millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char text[64];
+    const std::size_t length = std::strftime(text, sizeof text, format, &local);
+    std::snprintf(text + length, sizeof text - length, ".%03lld", static_cast<long long>(millis));
+    return text;
+}
 
 std::string escape(std::string_view bytes) { return plugin_host::c_escape(bytes); }
 

@@ -106,6 +106,9 @@ private:
     std::map<Key, std::size_t> counts_;  // refusals after the first
 };
 
+// The local time now in a strftime `format`, with ".mmm" milliseconds after it.
+std::string local_time(const char* format);
+
 // Control characters written as C escapes, so that one log entry stays on one line.
 std::string escape(std::string_view bytes);
 

@@ -15,20 +15,6 @@ namespace routerd {
 
 namespace {
 
-// "20261123-061502.123", the time a recording starts, for its file name.
-std::string file_time() {
-    const auto now = std::chrono::system_clock::now();
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-    const auto millis =
-        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    char text[40];
-    const std::size_t length = std::strftime(text, sizeof text, "%Y%m%d-%H%M%S", &local);
-    std::snprintf(text + length, sizeof text - length, ".%03lld", static_cast<long long>(millis));
-    return text;
-}
-
 // A peer address as part of a file name.
 std::string file_safe(std::string text) {
     for (char& c : text) {
@@ -41,7 +27,8 @@ std::string file_safe(std::string text) {
 
 std::unique_ptr<LinkRecording> LinkRecording::open(const RecordSettings& settings, int client,
                                                    const std::string& peer, const Log& log) {
-    const std::string path = settings.directory + "/" + file_time() + "-client" + std::to_string(client) + "-" +
+    const std::string path = settings.directory + "/" + local_time("%Y%m%d-%H%M%S") + "-client" +
+                             std::to_string(client) + "-" +
                              file_safe(peer) + ".txt";
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {

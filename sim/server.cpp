@@ -21,21 +21,6 @@ Router build_router(const SimulatorConfig& config) {
     return router;
 }
 
-tcp::endpoint resolve(asio::io_context& io, const std::string& listen) {
-    ListenAddress address;
-    try {
-        address = parse_listen(listen);
-    } catch (const std::invalid_argument& e) {
-        throw ListenError("cannot listen on " + listen + ": " + e.what());
-    }
-    boost::system::error_code ec;
-    tcp::resolver resolver(io);
-    const auto results = resolver.resolve(address.host, std::to_string(address.port),
-                                          tcp::resolver::passive | tcp::resolver::numeric_service, ec);
-    if (ec || results.empty()) throw ListenError("cannot listen on " + listen + ": " + ec.message());
-    return results.begin()->endpoint();
-}
-
 std::string signal_name(int signal) {
     switch (signal) {
         case SIGUSR1: return "SIGUSR1";
@@ -50,6 +35,21 @@ std::string signal_name(int signal) {
 }
 
 }  // namespace
+
+tcp::endpoint resolve_listen(asio::io_context& io, const std::string& listen, const std::string& purpose) {
+    ListenAddress address;
+    try {
+        address = parse_listen(listen);
+    } catch (const std::invalid_argument& e) {
+        throw ListenError("cannot " + purpose + " " + listen + ": " + e.what());
+    }
+    boost::system::error_code ec;
+    tcp::resolver resolver(io);
+    const auto results = resolver.resolve(address.host, std::to_string(address.port),
+                                          tcp::resolver::passive | tcp::resolver::numeric_service, ec);
+    if (ec || results.empty()) throw ListenError("cannot " + purpose + " " + listen + ": " + ec.message());
+    return results.begin()->endpoint();
+}
 
 // While accepting fails for want of descriptors (or memory), the listener is
 // left alone for this long instead of failing again at once, in a loop.
@@ -82,7 +82,7 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
     // Signals whose default action would end the simulator without a word.
     for (const int signal : {SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGIO, SIGPWR})
         other_signals_.add(signal);
-    const tcp::endpoint endpoint = resolve(io_, config.listen);
+    const tcp::endpoint endpoint = resolve_listen(io_, config.listen, "listen on");
     boost::system::error_code ec;
     acceptor_.open(endpoint.protocol(), ec);
     if (!ec) acceptor_.set_option(tcp::acceptor::reuse_address(true), ec);

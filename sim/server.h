@@ -26,6 +26,11 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// The address of "HOST:PORT" for a listening socket; throws ListenError,
+// "cannot <purpose> HOST:PORT: why".
+boost::asio::ip::tcp::endpoint resolve_listen(boost::asio::io_context& io, const std::string& listen,
+                                              const std::string& purpose);
+
 // Accepts clients and gives each a session; everything runs on one io_context
 // on the calling thread, so no call into a converter instance ever overlaps another.
 // Once a second it sums up the refusals, retries the log, disconnects clients

@@ -118,16 +118,20 @@ def main():
                 handles.append(browser.current_window_handle)
                 eventually(lambda: browser.execute_script("return routerView.connected()"), 10)
             client = routerd.LeitchClient(server.port)
-            takes = 20000
-            before = cpu_seconds(server.process.pid)
-            batch = "".join("@ X:%X/%X,%X\r" % (i % 2, i % 32, (i // 32) % 32) for i in range(100))
-            for _ in range(takes // 100):
-                client.send(batch)
-                for _ in range(100):
-                    client.read_until("\r\n>", 5)
-            time.sleep(0.5)
-            used = cpu_seconds(server.process.pid) - before
-            rows.append(("simulator CPU per take, %d page(s) open" % pages, "%.1f µs" % (used * 1e6 / takes)))
+            client.report_mode()
+            # As the load generator does: one take at a time, each waiting for
+            # its report, then 32 at a time.
+            for label, window in (("one take at a time", 1), ("32 takes outstanding", 32)):
+                takes = 3000 if window == 1 else 32000
+                before = cpu_seconds(server.process.pid)
+                for first in range(0, takes, window):
+                    batch = [(i % 32, (i // 32 + i) % 32) for i in range(first, first + window)]
+                    client.send("".join("@ X:0/%X,%X\r" % take for take in batch))
+                    client.read_until("S:0%X,%X\r\n>" % batch[-1], 5)
+                time.sleep(0.2)
+                used = cpu_seconds(server.process.pid) - before
+                rows.append(("simulator CPU per take, %s, %d page(s) open" % (label, pages),
+                             "%.1f µs" % (used * 1e6 / takes)))
             for handle in handles[1:]:
                 browser.switch_to.window(handle)
                 browser.close()

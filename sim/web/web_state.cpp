@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <iterator>
 
 #include <boost/asio/post.hpp>
 
@@ -42,28 +43,67 @@ std::int64_t epoch_ms(std::chrono::system_clock::time_point time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
-json event_json(const ActivityEvent& event) {
-    json out = {{"seq", event.seq}, {"time", epoch_ms(event.time)}, {"kind", kind_name(event.kind)},
-                {"client", event.client}};
+// Frames go to every page at every frame end, so their text is written here
+// directly rather than built as JSON objects first (the same fields as the
+// API's events).
+void append_number(std::string& out, std::int64_t number) { out += std::to_string(number); }
+
+void append_triples(std::string& out, const std::vector<std::array<int, 3>>& triples) {
+    out += '[';
+    for (std::size_t i = 0; i < triples.size(); ++i) {
+        if (i > 0) out += ',';
+        out += '[';
+        append_number(out, triples[i][0]);
+        out += ',';
+        append_number(out, triples[i][1]);
+        out += ',';
+        append_number(out, triples[i][2]);
+        out += ']';
+    }
+    out += ']';
+}
+
+void append_field(std::string& out, const char* name, std::int64_t number) {
+    out += ",\"";
+    out += name;
+    out += "\":";
+    append_number(out, number);
+}
+
+void append_field(std::string& out, const char* name, const std::string& text) {
+    out += ",\"";
+    out += name;
+    out += "\":";
+    out += json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+void append_event(std::string& out, const ActivityEvent& event) {
+    out += "{\"seq\":";
+    append_number(out, static_cast<std::int64_t>(event.seq));
+    append_field(out, "time", epoch_ms(event.time));
+    out += ",\"kind\":\"";
+    out += kind_name(event.kind);
+    out += '"';
+    append_field(out, "client", event.client);
     switch (event.kind) {
         case ActivityEvent::Kind::take:
         case ActivityEvent::Kind::refused_take:
-            out["level"] = event.level;
-            out["destination"] = event.destination;
-            out["source"] = event.value;
+            append_field(out, "level", event.level);
+            append_field(out, "destination", event.destination);
+            append_field(out, "source", event.value);
             break;
         case ActivityEvent::Kind::lock:
         case ActivityEvent::Kind::refused_lock:
-            out["level"] = event.level;
-            out["destination"] = event.destination;
-            out["state"] = event.value;
+            append_field(out, "level", event.level);
+            append_field(out, "destination", event.destination);
+            append_field(out, "state", event.value);
             break;
-        case ActivityEvent::Kind::connect: out["peer"] = event.text; break;
-        case ActivityEvent::Kind::disconnect: out["reason"] = event.text; break;
+        case ActivityEvent::Kind::connect: append_field(out, "peer", event.text); break;
+        case ActivityEvent::Kind::disconnect: append_field(out, "reason", event.text); break;
     }
     if (event.kind == ActivityEvent::Kind::refused_take || event.kind == ActivityEvent::Kind::refused_lock)
-        out["reason"] = event.text;
-    return out;
+        append_field(out, "reason", event.text);
+    out += '}';
 }
 
 }  // namespace
@@ -135,12 +175,23 @@ json WebState::clients_json() const {
     return clients;
 }
 
-json WebState::events_json(std::uint64_t after) const {
-    json events = json::array();
-    for (const ActivityEvent& event : activity_.events()) {
-        if (event.seq > after) events.push_back(event_json(event));
+void WebState::append_events(std::string& out, std::uint64_t after) const {
+    // The newest events are at the back: find the first one after `after`.
+    const auto& events = activity_.events();
+    auto first = events.end();
+    while (first != events.begin() && std::prev(first)->seq > after) --first;
+    out += '[';
+    for (auto it = first; it != events.end(); ++it) {
+        if (it != first) out += ',';
+        append_event(out, *it);
     }
-    return events;
+    out += ']';
+}
+
+json WebState::events_json(std::uint64_t after) const {
+    std::string text;
+    append_events(text, after);
+    return json::parse(text);
 }
 
 std::string WebState::hello() const {
@@ -221,10 +272,20 @@ void WebState::push() {
         return;
     }
     if (crosspoints_.empty() && locks_.empty() && !new_events && !clients_changed_) return;
-    json frame = {{"type", "frame"}, {"crosspoints", crosspoints_}, {"locks", locks_}};
-    if (new_events) frame["events"] = events_json(pushed_seq_);
-    if (clients_changed_) frame["clients"] = clients_json();
-    const auto message = std::make_shared<const std::string>(frame.dump(-1, ' ', false, json::error_handler_t::replace));
+    std::string frame = "{\"type\":\"frame\",\"crosspoints\":";
+    append_triples(frame, crosspoints_);
+    frame += ",\"locks\":";
+    append_triples(frame, locks_);
+    if (new_events) {
+        frame += ",\"events\":";
+        append_events(frame, pushed_seq_);
+    }
+    if (clients_changed_) {
+        frame += ",\"clients\":";
+        frame += clients_json().dump(-1, ' ', false, json::error_handler_t::replace);
+    }
+    frame += '}';
+    const auto message = std::make_shared<const std::string>(std::move(frame));
     crosspoints_.clear();
     locks_.clear();
     pushed_seq_ = activity_.last_seq();

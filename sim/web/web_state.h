@@ -54,6 +54,8 @@ public:
     nlohmann::json level_json(const LevelSpec& level) const;
     nlohmann::json clients_json() const;
     nlohmann::json events_json(std::uint64_t after) const;
+    // The events after `after` as a JSON array's text.
+    void append_events(std::string& out, std::uint64_t after) const;
     // Everything a page shows, for a page that has just connected.
     std::string hello() const;
 

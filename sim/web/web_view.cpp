@@ -6,30 +6,12 @@ namespace routerd::web {
 
 using boost::asio::ip::tcp;
 
-namespace {
-
-tcp::endpoint resolve(boost::asio::io_context& io, const std::string& listen) {
-    ListenAddress address;
-    try {
-        address = parse_listen(listen);
-    } catch (const std::invalid_argument& e) {
-        throw ListenError("cannot serve the web view on " + listen + ": " + e.what());
-    }
-    boost::system::error_code ec;
-    tcp::resolver resolver(io);
-    const auto results = resolver.resolve(address.host, std::to_string(address.port),
-                                          tcp::resolver::passive | tcp::resolver::numeric_service, ec);
-    if (ec || results.empty()) throw ListenError("cannot serve the web view on " + listen + ": " + ec.message());
-    return results.begin()->endpoint();
-}
-
-}  // namespace
 
 WebView::WebView(boost::asio::io_context& io, const SimulatorConfig& config, Router& router, SwitchQueue& switches,
                  SessionManager& sessions, const Log& log)
     : state_(io.get_executor(), config, router, switches, sessions, log) {
     if (config.web.listen == "off") return;
-    const tcp::endpoint endpoint = resolve(io, config.web.listen);
+    const tcp::endpoint endpoint = resolve_listen(io, config.web.listen, "serve the web view on");
     try {
         listener_ = std::make_unique<Listener>(io, endpoint, state_);
     } catch (const boost::system::system_error& e) {
