@@ -10,8 +10,10 @@ packages=(
   libbenchmark-dev                        # benchmarks
   libtomlplusplus-dev libcli11-dev        # simulator configuration file and command line
   libsqlite3-dev                          # the simulator's durable state
+  libtelnet-dev                           # telnet listeners: option negotiation, IAC escapes
   clang libclang-rt-14-dev                # libFuzzer and sanitizer runtimes
   netcat-openbsd socat                    # real third-party clients in the simulator tests
+  telnet                                  # a real telnet client for the telnet and login tests
   valgrind                                # instruction counts for the benchmark table
   nlohmann-json3-dev                      # the web view's HTTP API (JSON)
   chromium chromium-driver python3-selenium  # the web view's tests in a real browser
@@ -19,7 +21,7 @@ packages=(
   debootstrap systemd-container           # the install test's fresh Debian root, booted for the service test
   crossbuild-essential-arm64 crossbuild-essential-armhf qemu-user   # ARM builds, tests under emulation
   libgtest-dev:arm64 libgmock-dev:arm64   # GoogleTest for arm64 (multiarch)
-  libboost-dev:arm64 libboost-system-dev:arm64 libtomlplusplus-dev:arm64 libsqlite3-dev:arm64   # the arm64 packages' build
+  libboost-dev:arm64 libboost-system-dev:arm64 libtomlplusplus-dev:arm64 libsqlite3-dev:arm64 libtelnet-dev:arm64   # the arm64 packages' build
 )
 
 # arm64 libraries come from Debian's multiarch packages. armhf's GoogleTest is

@@ -7,8 +7,8 @@
 #include "framework/command_driver.h"
 #include "sim/log.h"
 #include "sim/recording.h"
-#include "sim/router.h"
-#include "sim/switch_queue.h"
+#include "sim/router/router.h"
+#include "sim/router/switch_queue.h"
 
 namespace routerd {
 

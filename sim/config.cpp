@@ -87,12 +87,8 @@ public:
         only_known_keys(server, "server.",
                         {"listen", "max_clients", "max_line_bytes", "max_output_bytes", "output_timeout_ms"});
         if (const toml::node* listen = server.get("listen")) {
-            config.listen = string(*listen, "server.listen");
-            try {
-                parse_listen(config.listen);
-            } catch (const std::invalid_argument& e) {
-                fail(listen->source(), "server.listen", e.what());
-            }
+            // The short form of one plain [[listen]].
+            config.listeners = {{address(*listen, "server.listen"), {}}};
         }
         if (const toml::node* n = server.get("max_clients")) {
             const std::int64_t most = open_file_limit() - static_cast<std::int64_t>(kReservedDescriptors);
@@ -112,6 +108,135 @@ public:
             config.limits.output_timeout = std::chrono::milliseconds(integer(*n, "server.output_timeout_ms", 100, 3600000));
     }
 
+    std::string address(const toml::node& node, const std::string& key) const {
+        std::string text = string(node, key);
+        try {
+            parse_listen(text);
+        } catch (const std::invalid_argument& e) {
+            fail(node.source(), key, e.what());
+        }
+        return text;
+    }
+
+    bool boolean(const toml::node& node, const std::string& key) const {
+        const auto* value = node.as_boolean();
+        if (!value) fail(node.source(), key, "must be true or false");
+        return value->get();
+    }
+
+    const toml::array& tables(const toml::node& node, const std::string& key) const {
+        const toml::array* list = node.as_array();
+        if (!list || !list->is_array_of_tables()) fail(node.source(), key, "must be an array of tables ([[" + key + "]])");
+        return *list;
+    }
+
+    std::chrono::seconds idle_timeout(const toml::table& table, const std::string& prefix) const {
+        const toml::node* n = table.get("idle_timeout");
+        if (!n) return std::chrono::seconds(0);
+        return std::chrono::seconds(integer(*n, prefix + "idle_timeout", 0, 7 * 24 * 3600));
+    }
+
+    void listeners(const toml::node& node, const toml::table& root, SimulatorConfig& config) const {
+        if (const toml::table* server = root["server"].as_table(); server && server->get("listen"))
+            fail(node.source(), "listen", "give either server.listen or [[listen]] tables, not both");
+        const toml::array& list = tables(node, "listen");
+        if (list.empty()) fail(node.source(), "listen", "at least one listener is needed");
+        config.listeners.clear();
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            const toml::table& entry = *list.get(i)->as_table();
+            const std::string prefix = "listen[" + std::to_string(i) + "].";
+            only_known_keys(entry, prefix, {"address", "telnet", "login", "users", "idle_timeout"});
+            ListenerConfig listener;
+            const toml::node* where = entry.get("address");
+            if (!where) fail(entry.source(), prefix + "address", "missing");
+            listener.address = address(*where, prefix + "address");
+            if (const toml::node* n = entry.get("telnet")) listener.link.telnet = boolean(*n, prefix + "telnet");
+            listener.link.login = login_mode(entry, prefix);
+            listener.link.users = users(entry, prefix, listener.link.login);
+            listener.link.idle_timeout = idle_timeout(entry, prefix);
+            config.listeners.push_back(std::move(listener));
+        }
+    }
+
+    LoginMode login_mode(const toml::table& entry, const std::string& prefix) const {
+        const toml::node* n = entry.get("login");
+        if (!n) return LoginMode::off;
+        const std::string mode = string(*n, prefix + "login");
+        if (mode == "off") return LoginMode::off;
+        if (mode == "password") return LoginMode::password;
+        if (mode == "any") return LoginMode::any;
+        fail(n->source(), prefix + "login", "must be \"off\", \"password\" or \"any\", not \"" + mode + "\"");
+    }
+
+    std::vector<Credentials> users(const toml::table& entry, const std::string& prefix, LoginMode mode) const {
+        std::vector<Credentials> result;
+        const toml::node* n = entry.get("users");
+        if (!n) {
+            if (mode == LoginMode::password)
+                fail(entry.source(), prefix + "users", "missing: login = \"password\" needs at least one user");
+            return result;
+        }
+        if (mode != LoginMode::password)
+            fail(n->source(), prefix + "users", "only used with login = \"password\"");
+        const toml::array* list = n->as_array();
+        if (!list || list->empty()) fail(n->source(), prefix + "users", "must be a non-empty array of tables");
+        for (std::size_t i = 0; i < list->size(); ++i) {
+            const std::string key = prefix + "users[" + std::to_string(i) + "]";
+            const toml::table* user = list->get(i)->as_table();
+            if (!user) fail(list->get(i)->source(), key, "must be a table { user = \"...\", password = \"...\" }");
+            only_known_keys(*user, key + ".", {"user", "password"});
+            Credentials credentials;
+            for (const char* field : {"user", "password"}) {
+                const toml::node* value = user->get(field);
+                if (!value) fail(user->source(), key + "." + field, "missing");
+                (std::string(field) == "user" ? credentials.user : credentials.password) =
+                    string(*value, key + "." + field);
+            }
+            if (credentials.user.empty()) fail(user->get("user")->source(), key + ".user", "must not be empty");
+            result.push_back(std::move(credentials));
+        }
+        return result;
+    }
+
+    void serials(const toml::node& node, SimulatorConfig& config) const {
+        const toml::array& list = tables(node, "serial");
+        config.serials.clear();
+        std::set<std::string> devices;
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            const toml::table& entry = *list.get(i)->as_table();
+            const std::string prefix = "serial[" + std::to_string(i) + "].";
+            only_known_keys(entry, prefix, {"device", "baud", "format", "flow_control", "idle_timeout"});
+            SerialSettings serial;
+            const toml::node* device = entry.get("device");
+            if (!device) fail(entry.source(), prefix + "device", "missing");
+            serial.device = string(*device, prefix + "device");
+            if (serial.device.empty()) fail(device->source(), prefix + "device", "must not be empty");
+            if (!devices.insert(serial.device).second)
+                fail(device->source(), prefix + "device", serial.device + " is named twice");
+            if (const toml::node* n = entry.get("baud")) {
+                const auto baud = integer(*n, prefix + "baud", 1200, 230400);
+                if (!is_serial_baud(static_cast<unsigned>(baud)))
+                    fail(n->source(), prefix + "baud", "must be one of " + serial_baud_list());
+                serial.baud = static_cast<unsigned>(baud);
+            }
+            if (const toml::node* n = entry.get("format")) {
+                try {
+                    set_serial_format(serial, string(*n, prefix + "format"));
+                } catch (const std::invalid_argument& e) {
+                    fail(n->source(), prefix + "format", e.what());
+                }
+            }
+            if (const toml::node* n = entry.get("flow_control")) {
+                const std::string flow = string(*n, prefix + "flow_control");
+                if (flow != "none" && flow != "rtscts")
+                    fail(n->source(), prefix + "flow_control", "must be \"none\" or \"rtscts\", not \"" + flow + "\"");
+                serial.rts_cts = flow == "rtscts";
+            }
+            serial.idle_timeout = idle_timeout(entry, prefix);
+            config.serials.push_back(std::move(serial));
+        }
+    }
+
     void http(const toml::table& http, SimulatorConfig& config) const {
         only_known_keys(http, "http.", {"listen", "readonly", "max_pages"});
         if (const toml::node* listen = http.get("listen")) {
@@ -125,11 +250,7 @@ public:
                 }
             }
         }
-        if (const toml::node* readonly = http.get("readonly")) {
-            const auto* value = readonly->as_boolean();
-            if (!value) fail(readonly->source(), "http.readonly", "must be true or false");
-            config.web.readonly = value->get();
-        }
+        if (const toml::node* readonly = http.get("readonly")) config.web.readonly = boolean(*readonly, "http.readonly");
         if (const toml::node* n = http.get("max_pages"))
             config.web.max_pages = static_cast<std::size_t>(integer(*n, "http.max_pages", 1, 1024));
     }
@@ -268,12 +389,14 @@ public:
         // Whatever the file leaves out keeps its built-in value.
         SimulatorConfig config = builtin();
         config.origin = path_;
-        only_known_keys(root, "", {"server", "plugin", "level", "record", "state", "http"});
+        only_known_keys(root, "", {"server", "listen", "serial", "plugin", "level", "record", "state", "http"});
         if (const toml::table* t = table(root, "state", "")) {
             only_known_keys(*t, "state.", {"file"});
             if (const toml::node* n = t->get("file")) config.state_file = string(*n, "state.file");
         }
         if (const toml::table* s = table(root, "server", "")) server(*s, config);
+        if (const toml::node* l = root.get("listen")) listeners(*l, root, config);
+        if (const toml::node* s = root.get("serial")) serials(*s, config);
         if (const toml::table* r = table(root, "record", "")) record(*r, config);
         if (const toml::table* h = table(root, "http", "")) http(*h, config);
         if (const toml::table* p = table(root, "plugin", "")) plugin(*p, config);

@@ -6,8 +6,10 @@
 #include <vector>
 
 #include "sim/limits.h"
+#include "sim/links/link_settings.h"
+#include "sim/links/serial_settings.h"
 #include "sim/recording.h"
-#include "sim/router.h"
+#include "sim/router/router.h"
 
 namespace routerd {
 
@@ -39,7 +41,9 @@ struct WebConfig {
 
 struct SimulatorConfig {
     std::string origin = "built-in default";  // the file it came from
-    std::string listen = "127.0.0.1:2323";
+    // TCP listeners; the default is one plain listener.
+    std::vector<ListenerConfig> listeners{{"127.0.0.1:2323", {}}};
+    std::vector<SerialSettings> serials;
     std::string plugin_path;  // empty: the plug-in the build produced, or the installed one
     Limits limits;
     RecordSettings record;

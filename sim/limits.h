@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "sim/router.h"
+#include "sim/router/router.h"
 
 namespace routerd {
 

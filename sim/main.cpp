@@ -67,9 +67,10 @@ void raise_open_file_limit() {
 
 int main(int argc, char** argv) {
     CLI::App app{"leitch-routerd: a router simulator that Leitch clients (panels, automation, telnet)\n"
-                 "drive over TCP through the Leitch pass-through converter plug-in."};
+                 "drive over TCP, telnet and serial ports through the Leitch pass-through converter plug-in."};
     std::string config_path;
     std::string listen;
+    std::vector<std::string> serials;
     std::string plugin_path;
     std::string record_directory;
     std::string state_file;
@@ -81,8 +82,13 @@ int main(int argc, char** argv) {
     app.add_option("-c,--config", config_path,
                    "TOML configuration file (default: " +
                        (installed_config.empty() ? std::string("built-in router") : installed_config) + ")");
-    app.add_option("-l,--listen", listen, "address to listen on, HOST:PORT; port 0 picks a free port "
-                                          "(default 127.0.0.1:2323)");
+    app.add_option("-l,--listen", listen, "address of one plain TCP listener, HOST:PORT, instead of the "
+                                          "configuration's; port 0 picks a free port (default 127.0.0.1:2323)");
+    app.add_option("--serial", serials,
+                   "serve a client on this serial port, DEVICE[:BAUD[,FORMAT[,rtscts]]], for example "
+                   "/dev/ttyUSB0:38400,8N1; repeatable, instead of the configuration's ports "
+                   "(default 38400,8N1, no flow control)")
+        ->take_all();
     app.add_option("-p,--plugin", plugin_path, "converter library to load (default: " + default_plugin_path() + ")");
     app.add_option("--http", http, "web view and HTTP API address, HOST:PORT, or \"off\"; port 0 picks a free port "
                                    "(default 127.0.0.1:8080)")
@@ -113,7 +119,24 @@ int main(int argc, char** argv) {
         routerd::SimulatorConfig config = app.count("--config") == 0 && config_path.empty()
                                               ? routerd::builtin_config()
                                               : routerd::load_config(config_path);
-        if (!listen.empty()) config.listen = listen;
+        if (!listen.empty()) {
+            try {
+                routerd::parse_listen(listen);
+            } catch (const std::invalid_argument& e) {
+                throw routerd::ListenError("--listen: " + std::string(e.what()));
+            }
+            config.listeners = {{listen, {}}};
+        }
+        if (!serials.empty()) {
+            config.serials.clear();
+            for (const std::string& serial : serials) {
+                try {
+                    config.serials.push_back(routerd::parse_serial(serial));
+                } catch (const std::invalid_argument& e) {
+                    throw routerd::SerialError("--serial " + serial + ": " + e.what());
+                }
+            }
+        }
         if (!plugin_path.empty()) config.plugin_path = plugin_path;
         if (!http.empty()) {
             if (http != "off") {
@@ -140,8 +163,16 @@ int main(int argc, char** argv) {
         log.info("router from " + config.origin + ": " + std::to_string(config.levels.size()) +
                  " level(s); plug-in " + config.plugin_path);
         log.capture_standard_error();
-        // Scripts and tests wait for this line; it stays the first on standard output.
-        std::printf("listening on %s\n", format_endpoint(server.local_endpoint()).c_str());
+        // Scripts and tests wait for these lines; the first listener's stays
+        // the first on standard output.
+        for (const auto& listener : server.listeners()) {
+            const std::string settings = listener->config().link.describe();
+            std::printf("listening on %s%s\n", format_endpoint(listener->local_endpoint()).c_str(),
+                        settings.empty() ? "" : (" (" + settings + ")").c_str());
+        }
+        for (const auto& serial : server.serial_links())
+            std::printf("serial port %s (%s)\n", serial->settings().device.c_str(),
+                        serial->settings().describe().c_str());
         if (const auto web = server.web_endpoint())
             std::printf("web view on http://%s/\n", format_endpoint(*web).c_str());
         std::fflush(stdout);
@@ -156,6 +187,8 @@ int main(int argc, char** argv) {
     } catch (const plugin_host::PluginError& e) {
         std::cerr << "leitch-routerd: " << e.what() << '\n';
     } catch (const routerd::ListenError& e) {
+        std::cerr << "leitch-routerd: " << e.what() << '\n';
+    } catch (const routerd::SerialError& e) {
         std::cerr << "leitch-routerd: " << e.what() << '\n';
     }
     return kCannotStart;

@@ -37,6 +37,7 @@ const std::vector<boost::asio::const_buffer>& OutputQueue::front_buffers() {
 
 void OutputQueue::consume(std::size_t bytes) {
     size_ -= bytes;
+    handed_ -= std::min(handed_, bytes);
     bytes += front_taken_;
     while (!blocks_.empty() && bytes >= blocks_.front().size() && bytes > 0) {
         bytes -= blocks_.front().size();
@@ -54,6 +55,7 @@ void OutputQueue::clear() {
     std::deque<std::string>().swap(blocks_);
     front_taken_ = 0;
     size_ = 0;
+    handed_ = 0;
 }
 
 }  // namespace routerd

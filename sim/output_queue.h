@@ -22,9 +22,14 @@ public:
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
 
+    // Everything appended so far is given to the writer. Until the link has
+    // taken all of it, a write is under way.
+    void hand_over() { handed_ = size_; }
+    std::size_t handed() const { return handed_; }
+
     // The front of the queue as buffers for one gathered write (at most 16).
     const std::vector<boost::asio::const_buffer>& front_buffers();
-    // Drops the first `bytes`, which the socket has taken.
+    // Drops the first `bytes`, which the link has taken (at most handed()).
     void consume(std::size_t bytes);
     // Drops everything and gives all blocks back.
     void clear();
@@ -33,6 +38,7 @@ private:
     std::deque<std::string> blocks_;  // the front block's first front_taken_ bytes are gone
     std::size_t front_taken_ = 0;
     std::size_t size_ = 0;
+    std::size_t handed_ = 0;
     std::vector<boost::asio::const_buffer> buffers_;
 };
 

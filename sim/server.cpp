@@ -7,6 +7,8 @@
 
 #include <boost/asio/write.hpp>
 
+#include "sim/links/tcp_transport.h"
+
 namespace routerd {
 
 namespace asio = boost::asio;
@@ -36,25 +38,6 @@ std::string signal_name(int signal) {
 
 }  // namespace
 
-tcp::endpoint resolve_listen(asio::io_context& io, const std::string& listen, const std::string& purpose) {
-    ListenAddress address;
-    try {
-        address = parse_listen(listen);
-    } catch (const std::invalid_argument& e) {
-        throw ListenError("cannot " + purpose + " " + listen + ": " + e.what());
-    }
-    boost::system::error_code ec;
-    tcp::resolver resolver(io);
-    const auto results = resolver.resolve(address.host, std::to_string(address.port),
-                                          tcp::resolver::passive | tcp::resolver::numeric_service, ec);
-    if (ec || results.empty()) throw ListenError("cannot " + purpose + " " + listen + ": " + ec.message());
-    return results.begin()->endpoint();
-}
-
-// While accepting fails for want of descriptors (or memory), the listener is
-// left alone for this long instead of failing again at once, in a loop.
-constexpr std::chrono::seconds kAcceptPause{1};
-
 Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host::PluginLibrary> plugin, const Log& log)
     : log_(log),
       refusals_(log),
@@ -67,10 +50,8 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
       context_{std::move(plugin), config.converter, router_, switches_, sessions_, log_, refusals_,
                config.limits, config.record, output_bound(config.limits, config.levels),
                report_room(config.limits, config.levels)},
-      acceptor_(io_),
       signals_(io_, SIGINT, SIGTERM),
       other_signals_(io_),
-      accept_pause_(io_),
       ticker_(io_) {
     if (!config.state_file.empty()) {
         state_ = std::make_unique<StateStore>(config.state_file, config.levels, config.fresh_state, log_);
@@ -82,13 +63,22 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
     // Signals whose default action would end the simulator without a word.
     for (const int signal : {SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGIO, SIGPWR})
         other_signals_.add(signal);
-    const tcp::endpoint endpoint = resolve_listen(io_, config.listen, "listen on");
-    boost::system::error_code ec;
-    acceptor_.open(endpoint.protocol(), ec);
-    if (!ec) acceptor_.set_option(tcp::acceptor::reuse_address(true), ec);
-    if (!ec) acceptor_.bind(endpoint, ec);
-    if (!ec) acceptor_.listen(asio::socket_base::max_listen_connections, ec);
-    if (ec) throw ListenError("cannot listen on " + config.listen + ": " + ec.message());
+    for (const ListenerConfig& listener : config.listeners) {
+        listeners_.push_back(std::make_unique<TcpListener>(
+            io_, listener, [this](tcp::socket socket, const LinkSettings& link) { accept(std::move(socket), link); },
+            log_));
+    }
+    for (const SerialSettings& serial : config.serials) {
+        auto link = std::make_unique<SerialLink>(
+            io_, serial,
+            [this](std::unique_ptr<Transport> transport, const LinkSettings& settings,
+                   std::function<void(const std::string&)> on_stopped) {
+                return start_session(std::move(transport), settings, std::move(on_stopped));
+            },
+            log_);
+        link->open();
+        serial_links_.push_back(std::move(link));
+    }
     web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_);
     web_->state().set_store(state_.get());
     context_.watcher = &web_->state();
@@ -99,7 +89,8 @@ void Server::run() {
     wait_for_signals();
     wait_for_other_signals();
     tick();
-    do_accept();
+    for (const auto& listener : listeners_) listener->run();
+    for (const auto& serial : serial_links_) serial->run();
     web_->run();
     io_.run();
 }
@@ -126,7 +117,7 @@ void Server::wait_for_other_signals() {
 void Server::tick() {
     refusals_.end_second();
     log_.end_second();
-    sessions_.check_outputs(std::chrono::steady_clock::now());
+    sessions_.check_timeouts(std::chrono::steady_clock::now());
     if (state_) state_->retry();
     web_->tick();
     if (sessions_.take_memory_released()) malloc_trim(0);
@@ -137,52 +128,28 @@ void Server::tick() {
     });
 }
 
-void Server::do_accept() {
-    acceptor_.async_accept([this](const boost::system::error_code& ec, tcp::socket socket) {
-        on_accept(ec, std::move(socket));
-    });
+void Server::accept(tcp::socket socket, const LinkSettings& link) {
+    // Serial ports are configured, not arriving: only network clients count.
+    std::size_t clients = 0;
+    for (const auto& session : sessions_.sessions()) clients += session->info().link != "serial";
+    if (clients >= context_.limits.max_clients) return refuse(std::move(socket));
+    start_session(std::make_unique<TcpTransport>(std::move(socket)), link);
 }
 
-void Server::on_accept(const boost::system::error_code& ec, tcp::socket socket) {
-    if (ec == asio::error::operation_aborted || !acceptor_.is_open()) return;
-    if (ec == asio::error::no_descriptors || ec.value() == ENFILE || ec == asio::error::no_buffer_space ||
-        ec == asio::error::no_memory) {
-        return pause_accepting(ec);
-    }
-    if (ec) {
-        // The connection went away before it was accepted, and the like.
-        log_.info("accept failed: " + ec.message());
-        return do_accept();
-    }
-    if (failed_accepts_ > 0) {
-        log_.info("accepting clients again (" + with_thousands(failed_accepts_) + " attempt(s) failed)");
-        failed_accepts_ = 0;
-    }
-    if (sessions_.size() >= context_.limits.max_clients) {
-        refuse(std::move(socket));
-        return do_accept();
-    }
+bool Server::start_session(std::unique_ptr<Transport> transport, const LinkSettings& link,
+                           std::function<void(const std::string&)> on_stopped) {
     const int id = next_client_++;
-    auto session = std::make_shared<Session>(std::move(socket), id, context_);
+    auto session = std::make_shared<Session>(std::move(transport), id, link, context_);
+    session->on_stopped(std::move(on_stopped));
     try {
         sessions_.join(session);
         session->start();
     } catch (const std::exception& e) {
         log_.info("client " + std::to_string(id) + ": cannot start a session: " + e.what());
         session->stop("session failed to start");
+        return false;
     }
-    do_accept();
-}
-
-// The pending connection stays in the listener's queue; one line per run of failures.
-void Server::pause_accepting(const boost::system::error_code& ec) {
-    if (failed_accepts_++ == 0)
-        log_.info("accept failed: " + ec.message() + "; accepting again in " +
-                  std::to_string(kAcceptPause.count()) + " s");
-    accept_pause_.expires_after(kAcceptPause);
-    accept_pause_.async_wait([this](const boost::system::error_code& wait) {
-        if (!wait && acceptor_.is_open()) do_accept();
-    });
+    return true;
 }
 
 // One line saying why, then the connection is closed.
@@ -204,9 +171,8 @@ void Server::refuse(tcp::socket socket) {
 
 void Server::shut_down(int signal) {
     log_.info(std::string("received ") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ", shutting down");
-    boost::system::error_code ignored;
-    acceptor_.close(ignored);
-    accept_pause_.cancel();
+    for (const auto& listener : listeners_) listener->stop();
+    for (const auto& serial : serial_links_) serial->stop();
     ticker_.cancel();
     other_signals_.cancel();
     stopping_ = true;

@@ -10,7 +10,6 @@
 namespace routerd {
 
 namespace asio = boost::asio;
-using asio::ip::tcp;
 
 namespace {
 
@@ -23,10 +22,11 @@ constexpr int kIntroductionBatch = 2048;
 // among the costly ones (see schedule_slice).
 constexpr std::chrono::milliseconds kCostlySlice{1};
 
-constexpr int kSocketSendBuffer = 256 * 1024;
-
 // Output that grew beyond this during a burst leaves freed memory to give back.
 constexpr std::size_t kBurstBytes = 64 * 1024;
+
+// A wrong login waits this long before the next prompt: guessing is slow.
+constexpr std::chrono::seconds kLoginDelay{1};
 
 // Thrown out of SendData to stop an instance in the middle of an answer that
 // no reading client could need (its own tables bloated by look-ups far beyond
@@ -36,13 +36,6 @@ struct OutputOverflow : std::bad_alloc {
     const char* what() const noexcept override { return "output of one event over the bound"; }
 };
 
-std::string describe_peer(const tcp::socket& socket) {
-    boost::system::error_code ec;
-    const tcp::endpoint peer = socket.remote_endpoint(ec);
-    if (ec) return "unknown peer";
-    return peer.address().to_string() + ":" + std::to_string(peer.port());
-}
-
 // The converter drops TAB, CR and LF in front of a line only while something
 // else follows them in its buffer, so a chunk that ends in one of them can
 // leave a bare terminator that would otherwise have been dropped. A chunk that
@@ -51,32 +44,44 @@ bool is_white(char c) { return c == '\t' || c == '\r' || c == '\n'; }
 
 }  // namespace
 
-Session::Session(tcp::socket socket, int id, const SessionContext& context)
-    : socket_(std::move(socket)),
+Session::Session(std::unique_ptr<Transport> transport, int id, const LinkSettings& settings,
+                 const SessionContext& context)
+    : transport_(std::move(transport)),
       id_(id),
-      peer_(describe_peer(socket_)),
+      peer_(transport_->peer()),
+      settings_(settings),
       context_(context),
       link_(*this),
       driver_(id, context.router, context.switches, context.log, context.refusals) {
     info_.id = id;
     info_.peer = peer_;
+    info_.link = settings.telnet ? "telnet" : transport_->kind();
     info_.connected_since = std::chrono::system_clock::now();
+    input_at_ = Clock::now();
+    if (settings.telnet) telnet_.emplace();
+    if (settings.login != LoginMode::off) login_.emplace(settings.login, settings.users);
 }
 
 Session::~Session() = default;
 
-void Session::start() {
-    // The reply to a command and the reports that follow it are separate
-    // writes; with Nagle's algorithm the second would wait for the client's
-    // delayed acknowledgement.
-    boost::system::error_code ignored;
-    socket_.set_option(tcp::no_delay(true), ignored);
-    // Writes take what the socket can hold now; the rest waits for writability.
-    socket_.non_blocking(true, ignored);
-    // The kernel's share of a client's waiting output is bounded too, so that
-    // a client that does not read is seen as one soon.
-    socket_.set_option(asio::socket_base::send_buffer_size(kSocketSendBuffer), ignored);
+std::string Session::name() const { return "client " + std::to_string(id_) + " (" + peer_ + ")"; }
 
+void Session::start() {
+    transport_->prepare();
+    context_.log.client_line("client " + std::to_string(id_) + " connected from " + peer_ +
+                             (settings_.telnet || login_ ? " (" + settings_.describe() + ")" : ""));
+    if (context_.watcher) context_.watcher->client_connected(*this);
+    if (!login_) return start_instance();
+    // No byte reaches a converter before the login has passed: there is no
+    // instance to reach yet.
+    state_ = State::logging_in;
+    send_to_client(Login::kUserPrompt);
+    flush();
+    do_read();
+}
+
+void Session::start_instance() {
+    state_ = State::introducing;
     if (!context_.record.directory.empty()) {
         recording_ = LinkRecording::open(context_.record, id_, peer_, context_.log);
         driver_.record_to(recording_.get());
@@ -92,8 +97,6 @@ void Session::start() {
     if (recording_) recording_->levels(levels);
     instance_->LevelList(levels, false);
     context_.router.subscribe(*this);
-    context_.log.client_line("client " + std::to_string(id_) + " connected from " + peer_);
-    if (context_.watcher) context_.watcher->client_connected(*this);
     introduce_some();
 }
 
@@ -123,7 +126,7 @@ void Session::introduce_some() {
     flush();
     if (state_ != State::introducing) return;
     if (introduced_level_ < levels.size()) {
-        asio::post(socket_.get_executor(), [self = shared_from_this()] { self->introduce_some(); });
+        asio::post(transport_->executor(), [self = shared_from_this()] { self->introduce_some(); });
         return;
     }
     state_ = State::open;
@@ -135,16 +138,16 @@ void Session::stop(const std::string& reason) {
     state_ = State::stopped;
     // Leave the router before the instance goes, so that no change is told to
     // a destroyed instance.
-    context_.router.unsubscribe(*this);
+    if (instance_) context_.router.unsubscribe(*this);
     instance_.reset();
     driver_.record_to(nullptr);
     recording_.reset();
-    boost::system::error_code ignored;
-    socket_.shutdown(tcp::socket::shutdown_both, ignored);
-    socket_.close(ignored);
+    if (login_delay_) login_delay_->cancel();
+    transport_->close();
     output_.clear();
-    context_.log.client_line("client " + std::to_string(id_) + " (" + peer_ + ") disconnected: " + reason);
+    context_.log.client_line(name() + " disconnected: " + reason);
     if (context_.watcher) context_.watcher->client_disconnected(*this, reason);
+    if (stopped_handler_) stopped_handler_(reason);
     context_.manager.leave(shared_from_this());
 }
 
@@ -172,9 +175,14 @@ void Session::tell_lock(int level, int destination, int state) {
 void Session::send(const std::string& data) {
     if (recording_) recording_->sent(data);
     if (state_ == State::dropping || state_ == State::stopped) return;
-    if (waiting() == 0) progress_at_ = Clock::now();
-    output_.append(data);
     if (context_.log.verbose()) activity_sent_ += data;
+    if (!telnet_) {
+        send_to_client(data);
+    } else {
+        to_client_.clear();
+        telnet_->encode(data, to_client_);
+        send_to_client(to_client_);
+    }
     if (in_input_ && waiting() > context_.output_bound) throw OutputOverflow();
     // Output caused by a router change is written once the frame is told, so
     // that all of it leaves together.
@@ -184,18 +192,29 @@ void Session::send(const std::string& data) {
     }
 }
 
+void Session::send_to_client(const std::string& bytes) {
+    if (waiting() == 0) progress_at_ = Clock::now();
+    output_.append(bytes);
+}
+
+// A write under way takes the new output with it when the link is writable;
+// otherwise one starts now.
 void Session::flush() {
     awaiting_flush_ = false;
     if (recording_) recording_->end_event();
     if (state_ == State::dropping || state_ == State::stopped) return;
-    if (awaiting_writable_ && behind_the_router()) return drop_slow_reader();
-    if (awaiting_writable_ || waiting() == 0) return;
-    if (context_.log.verbose()) log_sent();
+    if (writing() && behind_the_router()) return drop_slow_reader();
+    if (writing() || waiting() == 0) return;
+    write_some();
+}
 
+void Session::write_some() {
+    if (context_.log.verbose()) log_sent();
+    output_.hand_over();
     most_waiting_ = std::max(most_waiting_, waiting());
     boost::system::error_code ec;
-    const std::size_t taken = socket_.write_some(output_.front_buffers(), ec);
-    if (ec && ec != asio::error::would_block) return stop("write failed: " + ec.message());
+    const std::size_t taken = transport_->write_now(output_.front_buffers(), ec);
+    if (ec) return fail(ec, "write");
     const Clock::time_point now = Clock::now();
     if (taken > 0) {
         output_.consume(taken);
@@ -211,10 +230,12 @@ void Session::flush() {
     } else {
         own_answers_ = 0;
     }
-    wait_writable();
+    transport_->async_wait_writable([self = shared_from_this()](const boost::system::error_code& wait) {
+        self->on_writable(wait);
+    });
 }
 
-// Measured after the socket has taken what it could. A client's own answers
+// Measured after the link has taken what it could. A client's own answers
 // may wait in any amount one event can produce (its input waits meanwhile);
 // on top of them the router's reports may pile up by the mark, or one frame,
 // before the client counts as one that reads slower than the router changes.
@@ -225,18 +246,10 @@ void Session::drop_slow_reader() {
          " bytes of router reports waiting besides its own answers (client reads slower than the router changes)");
 }
 
-void Session::wait_writable() {
-    awaiting_writable_ = true;
-    socket_.async_wait(tcp::socket::wait_write, [self = shared_from_this()](const boost::system::error_code& ec) {
-        self->on_writable(ec);
-    });
-}
-
 void Session::on_writable(const boost::system::error_code& ec) {
-    awaiting_writable_ = false;
-    if (ec == asio::error::operation_aborted || state_ == State::stopped) return;
-    if (ec) return stop("write failed: " + ec.message());
-    flush();
+    if (state_ == State::dropping || state_ == State::stopped) return;
+    if (ec) return fail(ec, "write");
+    write_some();
     continue_input();
 }
 
@@ -245,12 +258,16 @@ void Session::took_everything() {
     own_answers_ = 0;
     if (most_waiting_ > kBurstBytes) context_.manager.memory_released();
     most_waiting_ = 0;
-    if (state_ == State::draining) return stop("closed by client");
+    if (state_ == State::draining) return stop(stop_reason_);
     continue_input();
 }
 
-void Session::check_output(Clock::time_point now) {
-    if (state_ == State::dropping || state_ == State::stopped || waiting() == 0) return;
+void Session::check_timeouts(Clock::time_point now) {
+    if (state_ == State::dropping || state_ == State::stopped) return;
+    const auto idle = settings_.idle_timeout;
+    if (idle.count() > 0 && now - input_at_ >= idle)
+        return drop("nothing received for " + std::to_string(idle.count()) + " s (idle_timeout)");
+    if (waiting() == 0) return;
     const auto timeout = context_.limits.output_timeout;
     if (now - progress_at_ >= timeout) {
         return drop("no output taken for " + std::to_string(timeout.count()) + " ms (client does not read)");
@@ -266,30 +283,99 @@ void Session::check_output(Clock::time_point now) {
 
 void Session::do_read() {
     reading_ = true;
-    socket_.async_read_some(asio::buffer(received_),
-                            [self = shared_from_this()](const boost::system::error_code& ec, std::size_t n) {
-                                self->on_read(ec, n);
-                            });
+    transport_->async_read_some(asio::buffer(received_),
+                                [self = shared_from_this()](const boost::system::error_code& ec, std::size_t n) {
+                                    self->on_read(ec, n);
+                                });
 }
 
 void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
     reading_ = false;
-    if (state_ != State::open) return;
-    if (ec == asio::error::eof) {
-        // A client that only closed its sending side still gets the answers under way.
-        state_ = State::draining;
-        if (waiting() == 0) stop("closed by client");
-        return;
+    if (state_ != State::open && state_ != State::logging_in) return;
+    if (ec) return fail(ec, "read");
+    input_at_ = Clock::now();
+    if (telnet_ && !decode_telnet(length)) return;
+    if (length == 0) {
+        // Only telnet negotiation: answered, and the next read follows.
+        flush();
+        if (state_ == State::logging_in && !reading_) return do_read();
+        return continue_input();
     }
-    if (ec) return stop(ec == asio::error::operation_aborted ? "closed" : "read failed: " + ec.message());
-    if (line_too_long(received_.data(), length)) {
+    if (state_ == State::logging_in) return read_login(length);
+    accept_input(0, length);
+}
+
+// Leaves the converter's bytes at the front of received_ and queues the
+// answers to the client's negotiation. False when the link has been dropped.
+bool Session::decode_telnet(std::size_t& length) {
+    decoded_.clear();
+    to_client_.clear();
+    if (!telnet_->decode(received_.data(), length, decoded_, to_client_)) {
+        drop("telnet protocol error: " + telnet_->error());
+        return false;
+    }
+    if (!to_client_.empty()) send_to_client(to_client_);
+    std::copy(decoded_.begin(), decoded_.end(), received_.begin());
+    length = decoded_.size();
+    return true;
+}
+
+void Session::read_login(std::size_t length) {
+    const Login::Step step = login_->read(received_.data(), length);
+    if (!step.reply.empty()) {
+        send_to_client(step.reply);
+        flush();
+    }
+    switch (step.outcome) {
+        case Login::Outcome::more:
+            return do_read();
+        case Login::Outcome::refused:
+            return refuse_login();
+        case Login::Outcome::passed:
+            break;
+    }
+    context_.log.client_line(name() + " logged in");
+    const std::size_t begin = step.consumed + login_->rest_of_line_end(received_.data() + step.consumed,
+                                                                        length - step.consumed);
+    // What followed the password waits for the instance's introduction.
+    accept_input(begin, length);
+    if (state_ == State::logging_in) start_instance();
+}
+
+// The rest of the input is dropped, as login(1) flushes what was typed ahead.
+void Session::refuse_login() {
+    const int failures = login_->failures();
+    context_.log.client_line(name() + ": login incorrect (" + std::to_string(failures) + " of " +
+                             std::to_string(Login::kMostFailures) + ")");
+    login_->restart();
+    if (!login_delay_) login_delay_.emplace(transport_->executor());
+    login_delay_->expires_after(kLoginDelay);
+    login_delay_->async_wait([self = shared_from_this(), failures](const boost::system::error_code& ec) {
+        if (ec || self->state_ != State::logging_in) return;
+        self->send_to_client(Login::kIncorrect);
+        if (failures >= Login::kMostFailures) {
+            self->flush();
+            return self->close_after_output("login failed " + std::to_string(failures) + " times");
+        }
+        self->send_to_client(Login::kUserPrompt);
+        self->flush();
+        self->do_read();
+    });
+}
+
+// received_[begin, end) is for the converter, after the line checks.
+void Session::accept_input(std::size_t begin, std::size_t end) {
+    const char* data = received_.data() + begin;
+    const std::size_t length = end - begin;
+    if (line_too_long(data, length)) {
         return stop("more than " + std::to_string(context_.limits.max_line_bytes) +
                     " bytes received without a line end");
     }
-    if (context_.log.verbose()) log_received(received_.data(), length);
-    note_lines(received_.data(), length);
-    input_begin_ = 0;
-    input_end_ = length;
+    if (context_.log.verbose()) log_received(data, length);
+    note_lines(data, length);
+    input_begin_ = begin;
+    input_end_ = end;
+    if (state_ != State::open) return;  // the login or the introduction goes first
     if (costly()) return schedule_slice();
     feed_slice();
 }
@@ -310,7 +396,7 @@ void Session::continue_input() {
 void Session::schedule_slice() {
     slice_scheduled_ = true;
     if (costly()) return context_.manager.queue_costly_slice(shared_from_this());
-    asio::post(socket_.get_executor(), [self = shared_from_this()] { self->run_scheduled_slice(); });
+    asio::post(transport_->executor(), [self = shared_from_this()] { self->run_scheduled_slice(); });
 }
 
 bool Session::costly() const { return recent_cost_ > kCostlySlice; }
@@ -415,7 +501,22 @@ void Session::drop(const std::string& reason) {
     if (state_ == State::dropping || state_ == State::stopped) return;
     state_ = State::dropping;
     output_.clear();
-    asio::post(socket_.get_executor(), [self = shared_from_this(), reason] { self->stop(reason); });
+    asio::post(transport_->executor(), [self = shared_from_this(), reason] { self->stop(reason); });
+}
+
+// The client is told why (what is waiting), then the link closes.
+void Session::close_after_output(const std::string& reason) {
+    if (state_ == State::dropping || state_ == State::stopped || state_ == State::draining) return;
+    state_ = State::draining;
+    stop_reason_ = reason;
+    if (waiting() == 0) stop(reason);
+}
+
+void Session::fail(const boost::system::error_code& ec, const char* operation) {
+    if (ec == asio::error::operation_aborted || state_ == State::stopped) return;
+    // A client that only closed its sending side still gets the answers under way.
+    if (ec == asio::error::eof) return close_after_output("closed by client");
+    stop(std::string(operation) + " failed: " + ec.message());
 }
 
 void SessionManager::flush_waiting() {
@@ -444,9 +545,9 @@ void SessionManager::post_costly_slice() {
     });
 }
 
-void SessionManager::check_outputs(std::chrono::steady_clock::time_point now) {
+void SessionManager::check_timeouts(std::chrono::steady_clock::time_point now) {
     // A session dropped here leaves the set later, in an event of its own.
-    for (const auto& session : sessions_) session->check_output(now);
+    for (const auto& session : sessions_) session->check_timeouts(now);
 }
 
 void SessionManager::stop_all() {

@@ -36,8 +36,8 @@ public:
     // events, in turn, whatever else is waiting.
     void queue_costly_slice(std::shared_ptr<Session> session);
 
-    // Disconnects the sessions whose clients do not read.
-    void check_outputs(std::chrono::steady_clock::time_point now);
+    // Disconnects the sessions whose clients do not read, or stay silent too long.
+    void check_timeouts(std::chrono::steady_clock::time_point now);
 
     // Large buffers were freed: the memory can be given back to the system.
     void memory_released() { memory_released_ = true; }

@@ -6,7 +6,7 @@
 #include <deque>
 #include <string>
 
-#include "sim/router.h"
+#include "sim/router/router.h"
 
 namespace routerd::web {
 

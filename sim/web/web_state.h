@@ -13,11 +13,11 @@
 
 #include "sim/config.h"
 #include "sim/log.h"
-#include "sim/router.h"
+#include "sim/router/router.h"
 #include "sim/session.h"
 #include "sim/session_manager.h"
-#include "sim/state_store.h"
-#include "sim/switch_queue.h"
+#include "sim/router/state_store.h"
+#include "sim/router/switch_queue.h"
 #include "sim/web/activity_log.h"
 
 namespace routerd::web {

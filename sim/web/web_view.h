@@ -8,9 +8,9 @@
 
 #include "sim/config.h"
 #include "sim/log.h"
-#include "sim/router.h"
+#include "sim/router/router.h"
 #include "sim/session_manager.h"
-#include "sim/switch_queue.h"
+#include "sim/router/switch_queue.h"
 #include "sim/web/listener.h"
 #include "sim/web/web_state.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/router.h"
+#include "sim/router/router.h"
 
 namespace routerd {
 namespace {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "sim/log.h"
-#include "sim/router.h"
+#include "sim/router/router.h"
 
 struct sqlite3;
 

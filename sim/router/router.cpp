@@ -1,4 +1,4 @@
-#include "sim/router.h"
+#include "sim/router/router.h"
 
 #include <algorithm>
 

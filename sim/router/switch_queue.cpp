@@ -1,4 +1,4 @@
-#include "sim/switch_queue.h"
+#include "sim/router/switch_queue.h"
 
 #include <string>
 

@@ -1,4 +1,4 @@
-#include "sim/state_store.h"
+#include "sim/router/state_store.h"
 
 #include <sqlite3.h>
 

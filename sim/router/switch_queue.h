@@ -5,7 +5,7 @@
 #include <boost/asio/any_io_executor.hpp>
 
 #include "sim/log.h"
-#include "sim/router.h"
+#include "sim/router/router.h"
 
 namespace routerd {
 

@@ -1,0 +1,15 @@
+#include "sim/links/link_settings.h"
+
+namespace routerd {
+
+std::string LinkSettings::describe() const {
+    std::string text;
+    const auto add = [&text](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
+    if (telnet) add("telnet");
+    if (login == LoginMode::password) add("login");
+    if (login == LoginMode::any) add("login, any credentials");
+    if (idle_timeout.count() > 0) add("idle timeout " + std::to_string(idle_timeout.count()) + " s");
+    return text;
+}
+
+}  // namespace routerd

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace routerd {
+
+// What a TCP listener asks of the clients it accepts, before their bytes reach
+// the converter.
+enum class LoginMode {
+    off,       // the converter sees the client's first byte
+    password,  // "login: " and "password: ", checked against the listener's users
+    any,       // the same prompts, any answer accepted: for panels that send fixed credentials blind
+};
+
+struct Credentials {
+    std::string user;
+    std::string password;
+};
+
+struct LinkSettings {
+    bool telnet = false;  // the client speaks telnet: option negotiation is answered, never passed on
+    LoginMode login = LoginMode::off;
+    std::vector<Credentials> users;
+    std::chrono::seconds idle_timeout{0};  // a link silent this long is closed; 0: never
+
+    // "telnet, login, idle timeout 300 s"; empty for a plain link.
+    std::string describe() const;
+};
+
+// One TCP listener: [[listen]] in the configuration, or --listen.
+struct ListenerConfig {
+    std::string address;  // HOST:PORT
+    LinkSettings link;
+};
+
+}  // namespace routerd

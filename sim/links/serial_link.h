@@ -1,0 +1,83 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/serial_port.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "sim/links/link_settings.h"
+#include "sim/links/serial_settings.h"
+#include "sim/links/transport.h"
+#include "sim/log.h"
+
+namespace routerd {
+
+// A serial port that cannot be opened (missing, busy, not a tty, settings
+// refused); the message names the device and the reason.
+class SerialError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// A client on a serial port, opened and set up (raw, the port's settings).
+class SerialTransport final : public Transport {
+public:
+    // Throws SerialError.
+    SerialTransport(boost::asio::io_context& io, const SerialSettings& settings);
+
+    std::string peer() const override { return device_; }
+    std::string kind() const override { return "serial"; }
+    boost::asio::any_io_executor executor() override { return port_.get_executor(); }
+    void async_read_some(boost::asio::mutable_buffer buffer, Handler handler) override;
+    std::size_t write_now(const std::vector<boost::asio::const_buffer>& buffers,
+                          boost::system::error_code& ec) override;
+    void async_wait_writable(WaitHandler handler) override;
+    void close() override;
+
+private:
+    boost::asio::serial_port port_;
+    std::string device_;
+};
+
+// Keeps one serial port served: a session (one converter instance) for as
+// long as the port is open. A port that fails while running (a USB adapter
+// pulled out) loses its session and is opened again every few seconds until
+// it is back, with a new session; other links never notice.
+class SerialLink {
+public:
+    // Starts a session on an open port; returns false when none could start.
+    using Starter = std::function<bool(std::unique_ptr<Transport>, const LinkSettings&,
+                                       std::function<void(const std::string&)> on_stopped)>;
+
+    static constexpr std::chrono::seconds kReopenInterval{2};
+
+    SerialLink(boost::asio::io_context& io, SerialSettings settings, Starter starter, const Log& log);
+
+    // Opens the port; throws SerialError. Serving begins with run().
+    void open();
+    void run();
+    // No more reopening; the session itself is stopped with the others.
+    void stop();
+
+    const SerialSettings& settings() const { return settings_; }
+
+private:
+    void start_session();
+    void session_stopped();
+    void reopen_later();
+    void try_reopen();
+
+    boost::asio::io_context& io_;
+    SerialSettings settings_;
+    LinkSettings link_;
+    Starter starter_;
+    const Log& log_;
+    std::unique_ptr<SerialTransport> opened_;  // opened, its session not started yet
+    boost::asio::steady_timer reopen_timer_;
+    bool reopening_ = false;  // the port is away; its absence is logged once
+    bool stopping_ = false;
+};
+
+}  // namespace routerd

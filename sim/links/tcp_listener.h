@@ -1,0 +1,56 @@
+#pragma once
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "sim/links/link_settings.h"
+#include "sim/log.h"
+
+namespace routerd {
+
+// The address cannot be listened on (in use, not local, not resolvable).
+class ListenError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The address of "HOST:PORT" for a listening socket; throws ListenError,
+// "cannot <purpose> HOST:PORT: why".
+boost::asio::ip::tcp::endpoint resolve_listen(boost::asio::io_context& io, const std::string& listen,
+                                              const std::string& purpose);
+
+// One TCP listener ([[listen]]): accepts clients and hands each, with the
+// listener's link settings, to whoever starts sessions.
+class TcpListener {
+public:
+    using Accepted = std::function<void(boost::asio::ip::tcp::socket, const LinkSettings&)>;
+
+    // Binds the socket; throws ListenError.
+    TcpListener(boost::asio::io_context& io, ListenerConfig config, Accepted accepted, const Log& log);
+
+    // The address actually bound (the real port when 0 was asked for).
+    boost::asio::ip::tcp::endpoint local_endpoint() const { return acceptor_.local_endpoint(); }
+    const ListenerConfig& config() const { return config_; }
+
+    void run() { do_accept(); }
+    void stop();
+
+private:
+    void do_accept();
+    void on_accept(const boost::system::error_code& ec, boost::asio::ip::tcp::socket socket);
+    void pause_accepting(const boost::system::error_code& ec);
+
+    ListenerConfig config_;
+    Accepted accepted_;
+    const Log& log_;
+    boost::asio::ip::tcp::acceptor acceptor_;
+    boost::asio::steady_timer accept_pause_;
+    std::size_t failed_accepts_ = 0;  // in a row
+};
+
+}  // namespace routerd
