@@ -314,6 +314,11 @@ bool Session::decode_telnet(std::size_t& length) {
         drop("telnet protocol error: " + telnet_->error());
         return false;
     }
+    // Decoding only ever removes bytes; the buffer could not hold more.
+    if (decoded_.size() > length) {
+        drop("telnet protocol error: more data decoded than received");
+        return false;
+    }
     if (!to_client_.empty()) send_to_client(to_client_);
     std::copy(decoded_.begin(), decoded_.end(), received_.begin());
     length = decoded_.size();

@@ -1,6 +1,7 @@
 #include "sim/links/serial_settings.h"
 
 #include <algorithm>
+#include <cctype>
 #include <stdexcept>
 #include <vector>
 
@@ -17,7 +18,7 @@ std::string baud_list() {
 }
 
 bool all_digits(const std::string& text) {
-    return !text.empty() && text.size() <= 7 && text.find_first_not_of("0123456789") == std::string::npos;
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
 // Splits "38400,8N1,rtscts" at the commas.
@@ -39,7 +40,8 @@ std::string SerialSettings::describe() const {
            (rts_cts ? " RTS/CTS" : "");
 }
 
-void set_serial_format(SerialSettings& settings, const std::string& format) {
+void set_serial_format(SerialSettings& settings, std::string format) {
+    if (format.size() == 3) format[1] = static_cast<char>(std::toupper(static_cast<unsigned char>(format[1])));
     if (format.size() != 3 || format[0] < '5' || format[0] > '8' || std::string("NEO").find(format[1]) == std::string::npos ||
         (format[2] != '1' && format[2] != '2'))
         throw std::invalid_argument("format must be data bits (5 to 8), parity (N, E or O) and stop bits (1 or 2), "
@@ -58,7 +60,7 @@ SerialSettings parse_serial(const std::string& text) {
         // Settings begin with the baud rate; anything else is part of the device's name.
         if (all_digits(parts[0])) {
             settings.device = text.substr(0, colon);
-            const unsigned long baud = std::stoul(parts[0]);
+            const unsigned long baud = parts[0].size() <= 7 ? std::stoul(parts[0]) : 0;
             if (!is_serial_baud(static_cast<unsigned>(baud)))
                 throw std::invalid_argument("baud rate must be one of " + baud_list() + "; got " + parts[0]);
             settings.baud = static_cast<unsigned>(baud);

@@ -30,7 +30,7 @@ std::string serial_baud_list();
 // taken as settings.
 SerialSettings parse_serial(const std::string& text);
 
-// Checks a format such as "8N1" and sets it; throws std::invalid_argument.
-void set_serial_format(SerialSettings& settings, const std::string& format);
+// Checks a format such as "8N1" (or "8n1") and sets it; throws std::invalid_argument.
+void set_serial_format(SerialSettings& settings, std::string format);
 
 }  // namespace routerd

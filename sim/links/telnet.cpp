@@ -1,5 +1,6 @@
 #include "sim/links/telnet.h"
 
+#include <cstring>
 #include <new>
 
 #include <libtelnet.h>
@@ -14,6 +15,12 @@ const telnet_telopt_t kOptions[] = {
     {TELNET_TELOPT_SGA, TELNET_WILL, TELNET_DO},
     {-1, 0, 0},
 };
+
+// Debian's libtelnet 0.21 reports the overflow with error code 0, so its
+// message is what tells it apart.
+bool is_overflow(const telnet_event_t::error_t& error) {
+    return error.errcode == TELNET_EOVERFLOW || std::strstr(error.msg, "size limit") != nullptr;
+}
 
 }  // namespace
 
@@ -46,15 +53,30 @@ void TelnetCodec::on_event(telnet_t*, telnet_event_t* event, void* self) {
         case TELNET_EV_SEND:
             if (codec.to_client_) codec.to_client_->append(event->data.buffer, event->data.size);
             break;
+        case TELNET_EV_WARNING:
+            // A subnegotiation too long to hold is only a warning to libtelnet,
+            // which goes on as if the rest were data; it is not. Other warnings
+            // (a malformed subnegotiation) leave the data as it was.
+            if (is_overflow(event->error)) codec.fail(event->error.msg);
+            break;
         case TELNET_EV_ERROR:
-            // libtelnet goes on as if the rest were data; it is not.
-            if (codec.error_.empty()) codec.error_ = event->error.msg;
+            codec.fail(event->error.msg);
+            break;
+        case TELNET_EV_COMPRESS:
+            // libtelnet starts inflating what follows a COMPRESS2
+            // subnegotiation even though the option was refused: a few bytes
+            // could then become megabytes of input.
+            codec.fail("compression started without being agreed");
             break;
         default:
             // Negotiation is answered by libtelnet itself; commands such as
             // "are you there" and subnegotiations mean nothing to the router.
             break;
     }
+}
+
+void TelnetCodec::fail(const char* why) {
+    if (error_.empty()) error_ = why;
 }
 
 void TelnetCodec::take_data(const char* bytes, std::size_t length) {

@@ -23,9 +23,10 @@ public:
     TelnetCodec& operator=(const TelnetCodec&) = delete;
 
     // Splits bytes from the client into the converter's data and the answers
-    // the client's negotiation needs. False when the client broke the
-    // protocol beyond repair (a subnegotiation longer than libtelnet holds);
-    // error() says how.
+    // the client's negotiation needs; the data is never longer than the bytes.
+    // False when the client broke the protocol beyond repair (a subnegotiation
+    // longer than libtelnet holds, compression it never agreed to); error()
+    // says how, and nothing more is decoded.
     bool decode(const char* bytes, std::size_t length, std::string& data, std::string& answers);
     // Bytes for the client: data with every 0xFF doubled, and anything else
     // queued for it.
@@ -35,6 +36,7 @@ public:
 private:
     static void on_event(telnet_t* telnet, telnet_event_t* event, void* self);
     void take_data(const char* bytes, std::size_t length);
+    void fail(const char* why);
 
     std::unique_ptr<telnet_t, void (*)(telnet_t*)> telnet_;
     std::string* data_ = nullptr;     // where decode() puts the converter's bytes
