@@ -48,12 +48,14 @@ free_ports=()
 for candidate in $(shuf -i 20000-29999 -n 50); do
   listening "$candidate" || free_ports+=("$candidate")
 done
-[ ${#free_ports[@]} -ge 2 ] || { echo "no free ports" >&2; exit 1; }
+[ ${#free_ports[@]} -ge 3 ] || { echo "no free ports" >&2; exit 1; }
 port=${free_ports[0]}
 http_port=${free_ports[1]}
+telnet_port=${free_ports[2]}
 config=$root/etc/leitch-routerd/leitch-routerd.toml
-sed -i "s/^listen = \"127.0.0.1:2323\"/listen = \"127.0.0.1:$port\"/" "$config"
-grep -q "127.0.0.1:$port" "$config"
+sed -i -e "s/^address = \"127.0.0.1:2323\"/address = \"127.0.0.1:$port\"/" \
+  -e "s/^address = \"127.0.0.1:2324\"/address = \"127.0.0.1:$telnet_port\"/" "$config"
+grep -q "127.0.0.1:$port" "$config" && grep -q "127.0.0.1:$telnet_port" "$config"
 printf '\n[http]\nlisten = "127.0.0.1:%s"\n' "$http_port" >>"$config"
 
 echo "=== boot with systemd-nspawn"
@@ -89,6 +91,13 @@ page=$(timeout 3 cat <&3 || true)
 exec 3>&-
 echo "  web view: ${page%%$'\r'*}"
 [[ $page == "HTTP/1.1 200"* ]] || { echo "the web view did not answer" >&2; exit 1; }
+
+echo "=== the telnet port asks for a login"
+exec 3<>"/dev/tcp/127.0.0.1/$telnet_port"
+prompt=$(timeout 3 head -c 7 <&3 || true)
+exec 3>&-
+echo "  telnet port: \"$prompt\""
+[ "$prompt" = "login: " ] || { echo "no login prompt on the telnet port" >&2; exit 1; }
 
 echo "=== SIGHUP is ignored; a killed simulator is restarted"
 in_container systemctl kill -s HUP leitch-routerd.service

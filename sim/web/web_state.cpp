@@ -166,6 +166,7 @@ json WebState::clients_json() const {
     for (const ClientInfo* info : infos) {
         clients.push_back({{"id", info->id},
                            {"peer", info->peer},
+                           {"link", info->link},
                            {"connected_since", epoch_ms(info->connected_since)},
                            {"report_mode", info->report_mode},
                            {"lines_received", info->lines_received},

@@ -95,8 +95,8 @@ class Api(unittest.TestCase):
             if mine and mine[0]["lines_received"] == 2:
                 break
         self.assertEqual(len(mine), 1)
-        self.assertEqual((mine[0]["report_mode"], mine[0]["lines_received"], mine[0]["last_line"]),
-                         (True, 2, "@ X:0/3,2"))
+        self.assertEqual((mine[0]["link"], mine[0]["report_mode"], mine[0]["lines_received"], mine[0]["last_line"]),
+                         ("tcp", True, 2, "@ X:0/3,2"))
         client.close()
 
     def test_events_lists_takes_and_refusals_after_a_sequence_number(self):

@@ -292,10 +292,10 @@
       const row = body.insertRow();
       row.dataset.client = String(c.id);
       const since = new Date(c.connected_since).toLocaleTimeString();
-      for (const text of [c.id, c.peer, since, c.report_mode ? 'on' : 'off', c.lines_received, c.last_line]) {
+      for (const text of [c.id, c.peer, c.link, since, c.report_mode ? 'on' : 'off', c.lines_received, c.last_line]) {
         row.insertCell().textContent = String(text);
       }
-      row.cells[5].title = c.last_line;
+      row.cells[6].title = c.last_line;
     }
     $('client-count').textContent = `(${state.clients.length})`;
   }
