@@ -1,6 +1,7 @@
 #include "sim/links/serial_link.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/uio.h>
 
 #include <cerrno>
@@ -39,6 +40,9 @@ SerialTransport::SerialTransport(asio::io_context& io, const SerialSettings& set
         port_.set_option(Port::flow_control(settings.rts_cts ? Port::flow_control::hardware : Port::flow_control::none),
                          ec);
     if (ec) throw SerialError("cannot set serial port " + device_ + " to " + settings.describe() + ": " + ec.message());
+    // Another program opening the port too would take bytes meant for the
+    // converter: it now fails with "Device or resource busy".
+    ::ioctl(port_.native_handle(), TIOCEXCL);
     // Writes take what the port can hold now; the rest waits for writability.
     const int flags = ::fcntl(port_.native_handle(), F_GETFL);
     if (flags < 0 || ::fcntl(port_.native_handle(), F_SETFL, flags | O_NONBLOCK) < 0)
