@@ -305,6 +305,9 @@ void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
     accept_input(0, length);
 }
 
+// After a wrong login, until the next prompt.
+bool Session::login_delayed() const { return login_delay_ && login_delay_->expiry() > Clock::now(); }
+
 // Leaves the converter's bytes at the front of received_ and queues the
 // answers to the client's negotiation. False when the link has been dropped.
 bool Session::decode_telnet(std::size_t& length) {
@@ -326,10 +329,13 @@ bool Session::decode_telnet(std::size_t& length) {
 }
 
 void Session::read_login(std::size_t length) {
+    // What was typed ahead of the next prompt is dropped, as login(1) does.
+    if (login_delayed()) return do_read();
     const Login::Step step = login_->read(received_.data(), length);
     if (!step.reply.empty()) {
         send_to_client(step.reply);
         flush();
+        if (state_ != State::logging_in) return;
     }
     switch (step.outcome) {
         case Login::Outcome::more:
@@ -344,10 +350,15 @@ void Session::read_login(std::size_t length) {
                                                                         length - step.consumed);
     // What followed the password waits for the instance's introduction.
     accept_input(begin, length);
-    if (state_ == State::logging_in) start_instance();
+    if (state_ != State::logging_in) return;
+    try {
+        start_instance();
+    } catch (const std::exception& e) {
+        stop(std::string("cannot start a session: ") + e.what());
+    }
 }
 
-// The rest of the input is dropped, as login(1) flushes what was typed ahead.
+// The rest of the input, and whatever comes before the next prompt, is dropped.
 void Session::refuse_login() {
     const int failures = login_->failures();
     context_.log.client_line(name() + ": login incorrect (" + std::to_string(failures) + " of " +
@@ -364,8 +375,8 @@ void Session::refuse_login() {
         }
         self->send_to_client(Login::kUserPrompt);
         self->flush();
-        self->do_read();
     });
+    do_read();
 }
 
 // received_[begin, end) is for the converter, after the line checks.

@@ -149,6 +149,7 @@ private:
     bool decode_telnet(std::size_t& length);
     void read_login(std::size_t length);
     void refuse_login();
+    bool login_delayed() const;
     void accept_input(std::size_t begin, std::size_t end);
     void continue_input();
     void schedule_slice();
