@@ -64,6 +64,12 @@ Session::Session(std::unique_ptr<Transport> transport, int id, const LinkSetting
 
 Session::~Session() = default;
 
+// The transport's operations keep the session alive, as handlers holding
+// shared_from_this() would.
+std::shared_ptr<TransportUser> Session::as_transport_user() {
+    return std::shared_ptr<TransportUser>(shared_from_this(), static_cast<TransportUser*>(this));
+}
+
 std::string Session::name() const { return "client " + std::to_string(id_) + " (" + peer_ + ")"; }
 
 void Session::start() {
@@ -230,9 +236,7 @@ void Session::write_some() {
     } else {
         own_answers_ = 0;
     }
-    transport_->async_wait_writable([self = shared_from_this()](const boost::system::error_code& wait) {
-        self->on_writable(wait);
-    });
+    transport_->async_wait_writable(as_transport_user());
 }
 
 // Measured after the link has taken what it could. A client's own answers
@@ -265,6 +269,10 @@ void Session::took_everything() {
 void Session::check_timeouts(Clock::time_point now) {
     if (state_ == State::dropping || state_ == State::stopped) return;
     const auto idle = settings_.idle_timeout;
+    // Timed at the once-a-second check, not at every read: the clock is read
+    // once a second, not once per packet.
+    if (heard_) input_at_ = now;
+    heard_ = false;
     if (idle.count() > 0 && now - input_at_ >= idle)
         return drop("nothing received for " + std::to_string(idle.count()) + " s (idle_timeout)");
     if (waiting() == 0) return;
@@ -283,17 +291,14 @@ void Session::check_timeouts(Clock::time_point now) {
 
 void Session::do_read() {
     reading_ = true;
-    transport_->async_read_some(asio::buffer(received_),
-                                [self = shared_from_this()](const boost::system::error_code& ec, std::size_t n) {
-                                    self->on_read(ec, n);
-                                });
+    transport_->async_read_some(asio::buffer(received_), as_transport_user());
 }
 
 void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
     reading_ = false;
     if (state_ != State::open && state_ != State::logging_in) return;
     if (ec) return fail(ec, "read");
-    input_at_ = Clock::now();
+    heard_ = true;
     if (telnet_ && !decode_telnet(length)) return;
     if (length == 0) {
         // Only telnet negotiation: answered, and the next read follows.

@@ -79,7 +79,7 @@ struct SessionContext {
 // down, not the others. A client is disconnected for its output only when it
 // does not read it: nothing taken for a while, or more waiting than the
 // router can produce for a reader that keeps up.
-class Session : public std::enable_shared_from_this<Session>, private RouterObserver {
+class Session : public std::enable_shared_from_this<Session>, private RouterObserver, private TransportUser {
 public:
     using Clock = std::chrono::steady_clock;
 
@@ -141,11 +141,12 @@ private:
     // Bytes given to the link and not all taken yet: a wait for writability is under way.
     bool writing() const { return output_.handed() > 0; }
     void write_some();
-    void on_writable(const boost::system::error_code& ec);
+    void on_writable(const boost::system::error_code& ec) override;
     void took_everything();
 
+    std::shared_ptr<TransportUser> as_transport_user();
     void do_read();
-    void on_read(const boost::system::error_code& ec, std::size_t length);
+    void on_read(const boost::system::error_code& ec, std::size_t length) override;
     bool decode_telnet(std::size_t& length);
     void read_login(std::size_t length);
     void refuse_login();
@@ -179,7 +180,8 @@ private:
     std::string to_client_;     // telnet: bytes for the client
     std::string stop_reason_;   // while draining
     std::function<void(const std::string&)> stopped_handler_;
-    Clock::time_point input_at_;  // when the client last sent anything
+    Clock::time_point input_at_;  // when the client was last heard, to the second
+    bool heard_ = false;          // the client sent something since the last check
     Link link_;
     ClientDriver driver_;
     std::unique_ptr<LinkRecording> recording_;  // --record: this link's transcript

@@ -49,11 +49,11 @@ SerialTransport::SerialTransport(asio::io_context& io, const SerialSettings& set
         throw SerialError("cannot set serial port " + device_ + " non-blocking: " + std::strerror(errno));
 }
 
-void SerialTransport::async_read_some(asio::mutable_buffer buffer, Handler handler) {
-    port_.async_read_some(buffer, [handler = std::move(handler)](boost::system::error_code ec, std::size_t n) {
+void SerialTransport::async_read_some(asio::mutable_buffer buffer, std::shared_ptr<TransportUser> user) {
+    port_.async_read_some(buffer, [user = std::move(user)](boost::system::error_code ec, std::size_t n) {
         // A serial line has no orderly close: a port that reads nothing more is gone.
         if (ec == asio::error::eof) ec = make_error_code(boost::system::errc::io_error);
-        handler(ec, n);
+        user->on_read(ec, n);
     });
 }
 
@@ -69,11 +69,11 @@ std::size_t SerialTransport::write_now(const std::vector<asio::const_buffer>& bu
     return 0;
 }
 
-void SerialTransport::async_wait_writable(WaitHandler handler) {
+void SerialTransport::async_wait_writable(std::shared_ptr<TransportUser> user) {
     // A write of no bytes completes when the port can take some.
     port_.async_write_some(asio::null_buffers(),
-                           [handler = std::move(handler)](const boost::system::error_code& ec, std::size_t) {
-                               handler(ec);
+                           [user = std::move(user)](const boost::system::error_code& ec, std::size_t) {
+                               user->on_writable(ec);
                            });
 }
 

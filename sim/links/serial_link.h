@@ -30,10 +30,10 @@ public:
     std::string peer() const override { return device_; }
     std::string kind() const override { return "serial"; }
     boost::asio::any_io_executor executor() override { return port_.get_executor(); }
-    void async_read_some(boost::asio::mutable_buffer buffer, Handler handler) override;
+    void async_read_some(boost::asio::mutable_buffer buffer, std::shared_ptr<TransportUser> user) override;
     std::size_t write_now(const std::vector<boost::asio::const_buffer>& buffers,
                           boost::system::error_code& ec) override;
-    void async_wait_writable(WaitHandler handler) override;
+    void async_wait_writable(std::shared_ptr<TransportUser> user) override;
     void close() override;
 
 private:

@@ -32,8 +32,10 @@ void TcpTransport::prepare() {
     socket_.set_option(asio::socket_base::send_buffer_size(kSocketSendBuffer), ignored);
 }
 
-void TcpTransport::async_read_some(asio::mutable_buffer buffer, Handler handler) {
-    socket_.async_read_some(buffer, std::move(handler));
+void TcpTransport::async_read_some(asio::mutable_buffer buffer, std::shared_ptr<TransportUser> user) {
+    socket_.async_read_some(buffer, [user = std::move(user)](const boost::system::error_code& ec, std::size_t n) {
+        user->on_read(ec, n);
+    });
 }
 
 std::size_t TcpTransport::write_now(const std::vector<asio::const_buffer>& buffers, boost::system::error_code& ec) {
@@ -42,8 +44,9 @@ std::size_t TcpTransport::write_now(const std::vector<asio::const_buffer>& buffe
     return taken;
 }
 
-void TcpTransport::async_wait_writable(WaitHandler handler) {
-    socket_.async_wait(tcp::socket::wait_write, std::move(handler));
+void TcpTransport::async_wait_writable(std::shared_ptr<TransportUser> user) {
+    socket_.async_wait(tcp::socket::wait_write,
+                       [user = std::move(user)](const boost::system::error_code& ec) { user->on_writable(ec); });
 }
 
 void TcpTransport::close() {

@@ -15,10 +15,10 @@ public:
     std::string kind() const override { return "tcp"; }
     boost::asio::any_io_executor executor() override { return socket_.get_executor(); }
     void prepare() override;
-    void async_read_some(boost::asio::mutable_buffer buffer, Handler handler) override;
+    void async_read_some(boost::asio::mutable_buffer buffer, std::shared_ptr<TransportUser> user) override;
     std::size_t write_now(const std::vector<boost::asio::const_buffer>& buffers,
                           boost::system::error_code& ec) override;
-    void async_wait_writable(WaitHandler handler) override;
+    void async_wait_writable(std::shared_ptr<TransportUser> user) override;
     void close() override;
 
 private:
