@@ -25,6 +25,9 @@ constexpr std::chrono::milliseconds kCostlySlice{1};
 // Output that grew beyond this during a burst leaves freed memory to give back.
 constexpr std::size_t kBurstBytes = 64 * 1024;
 
+// The start of a client's last line kept for the web view.
+constexpr std::size_t kNotedLineBytes = 256;
+
 // A wrong login waits this long before the next prompt: guessing is slow.
 constexpr std::chrono::seconds kLoginDelay{1};
 
@@ -495,16 +498,20 @@ void Session::log_received(const char* data, std::size_t length) {
 // exactly "@ ?" or "@ !" (the converter itself may see it otherwise, for
 // instance in a line of several commands).
 void Session::note_lines(const char* data, std::size_t length) {
-    for (std::size_t i = 0; i < length; ++i) {
-        const char c = data[i];
-        if (c != '\r' && c != '\n') {
-            if (current_line_.size() < 256) current_line_ += c;
-            continue;
-        }
+    const char* const end = data + length;
+    while (data != end) {
+        // Whole runs at once: this sees every byte a client sends.
+        const char* const line_end = std::find_if(data, end, [](char c) { return c == '\r' || c == '\n'; });
+        const std::size_t room = kNotedLineBytes - std::min(kNotedLineBytes, current_line_.size());
+        current_line_.append(data, std::min(room, static_cast<std::size_t>(line_end - data)));
+        if (line_end == end) return;
+        data = line_end + 1;
         if (current_line_.empty()) continue;
         ++info_.lines_received;
-        if (current_line_ == "@ ?") info_.report_mode = true;
-        if (current_line_ == "@ !") info_.report_mode = false;
+        if (current_line_.size() == 3 && current_line_[0] == '@' && current_line_[1] == ' ') {
+            if (current_line_[2] == '?') info_.report_mode = true;
+            if (current_line_[2] == '!') info_.report_mode = false;
+        }
         info_.last_line.swap(current_line_);
         current_line_.clear();
     }
