@@ -2,6 +2,8 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
+#include <string>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/serial_port.hpp>
