@@ -145,7 +145,7 @@ public:
         for (std::size_t i = 0; i < list.size(); ++i) {
             const toml::table& entry = *list.get(i)->as_table();
             const std::string prefix = "listen[" + std::to_string(i) + "].";
-            only_known_keys(entry, prefix, {"address", "telnet", "login", "users", "idle_timeout"});
+            only_known_keys(entry, prefix, {"address", "telnet", "login", "users", "login_timeout", "idle_timeout"});
             ListenerConfig listener;
             const toml::node* where = entry.get("address");
             if (!where) fail(entry.source(), prefix + "address", "missing");
@@ -153,6 +153,11 @@ public:
             if (const toml::node* n = entry.get("telnet")) listener.link.telnet = boolean(*n, prefix + "telnet");
             listener.link.login = login_mode(entry, prefix);
             listener.link.users = users(entry, prefix, listener.link.login);
+            if (const toml::node* n = entry.get("login_timeout")) {
+                if (listener.link.login == LoginMode::off)
+                    fail(n->source(), prefix + "login_timeout", "only used with a login");
+                listener.link.login_timeout = std::chrono::seconds(integer(*n, prefix + "login_timeout", 1, 3600));
+            }
             listener.link.idle_timeout = idle_timeout(entry, prefix);
             config.listeners.push_back(std::move(listener));
         }

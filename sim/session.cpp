@@ -51,6 +51,7 @@ Session::Session(std::unique_ptr<Transport> transport, int id, const LinkSetting
                  const SessionContext& context)
     : transport_(std::move(transport)),
       id_(id),
+      connected_at_(Clock::now()),
       peer_(transport_->peer()),
       settings_(settings),
       context_(context),
@@ -60,7 +61,7 @@ Session::Session(std::unique_ptr<Transport> transport, int id, const LinkSetting
     info_.peer = peer_;
     info_.link = settings.telnet ? "telnet" : transport_->kind();
     info_.connected_since = std::chrono::system_clock::now();
-    input_at_ = Clock::now();
+    input_at_ = connected_at_;
     if (settings.telnet) telnet_.emplace();
     if (settings.login != LoginMode::off) login_.emplace(settings.login, settings.users);
 }
@@ -276,6 +277,8 @@ void Session::check_timeouts(Clock::time_point now) {
     // once a second, not once per packet.
     if (heard_) input_at_ = now;
     heard_ = false;
+    if (state_ == State::logging_in && now - connected_at_ >= settings_.login_timeout)
+        return drop("no login within " + std::to_string(settings_.login_timeout.count()) + " s (login_timeout)");
     if (idle.count() > 0 && now - input_at_ >= idle)
         return drop("nothing received for " + std::to_string(idle.count()) + " s (idle_timeout)");
     if (waiting() == 0) return;

@@ -170,6 +170,7 @@ private:
 
     std::unique_ptr<Transport> transport_;
     const int id_;
+    const Clock::time_point connected_at_;
     std::string peer_;
     const LinkSettings settings_;
     const SessionContext& context_;

@@ -23,6 +23,9 @@ struct LinkSettings {
     bool telnet = false;  // the client speaks telnet: option negotiation is answered, never passed on
     LoginMode login = LoginMode::off;
     std::vector<Credentials> users;
+    // A client that has not logged in this long after connecting is closed:
+    // sitting at the prompt, it holds a place among max_clients.
+    std::chrono::seconds login_timeout{60};
     std::chrono::seconds idle_timeout{0};  // a link silent this long is closed; 0: never
 
     // "telnet, login, idle timeout 300 s"; empty for a plain link.

@@ -622,6 +622,7 @@ users = [ { user = "%s", password = "%s" } ]
 [[listen]]
 address = "127.0.0.1:0"
 login = "any"
+login_timeout = 2
 """ % (USER, PASSWORD)
 
 
@@ -698,6 +699,25 @@ class Login(unittest.TestCase):
         self.assertEqual(client.pending, b"")
         self.assertTrue(self.routerd.log_contains(
             "client 1 (%s) disconnected: login failed 3 times" % client.peer), self.routerd.log())
+
+    def test_a_client_that_does_not_log_in_in_time_is_closed(self):
+        client = self.connect(self.any_port)
+        started = time.monotonic()
+        client.send(b"someone\r")
+        self.assertEqual(client.read_until(b"password: "), b"password: ")
+        self.assertTrue(client.closed_within(5.0))
+        # Checked once a second: between the timeout and a second more.
+        self.assertGreaterEqual(time.monotonic() - started, 1.9)
+        self.assertTrue(self.routerd.log_contains(
+            "client 1 (%s) disconnected: no login within 2 s (login_timeout)" % client.peer))
+
+    def test_a_client_that_logged_in_outlives_the_login_timeout(self):
+        client = self.connect(self.any_port)
+        client.send(b"someone\rwhatever\r")
+        self.assertEqual(client.read_until(b"password: "), b"password: ")
+        time.sleep(3.2)
+        client.send(b"@ ?\r")
+        self.assertEqual(client.read_until(PROMPT), b"@ ?\r\n>")
 
     def test_what_follows_a_wrong_password_in_its_packet_is_discarded(self):
         client = self.connect()

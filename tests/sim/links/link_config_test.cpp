@@ -116,6 +116,26 @@ TEST_F(LinkConfig, AnUnknownLoginModeIsRefused) {
               "FILE:3: key 'listen[0].login': must be \"off\", \"password\" or \"any\", not \"yes\"");
 }
 
+TEST_F(LinkConfig, TheLoginTimeoutIsAMinuteUnlessSet) {
+    const SimulatorConfig config = load(R"(
+[[listen]]
+address = "127.0.0.1:0"
+login = "any"
+
+[[listen]]
+address = "127.0.0.1:0"
+login = "any"
+login_timeout = 15
+)");
+    EXPECT_EQ(config.listeners[0].link.login_timeout.count(), 60);
+    EXPECT_EQ(config.listeners[1].link.login_timeout.count(), 15);
+}
+
+TEST_F(LinkConfig, ALoginTimeoutWithoutLoginIsRefused) {
+    EXPECT_EQ(error_of("[[listen]]\naddress = \"127.0.0.1:0\"\nlogin_timeout = 5\n"),
+              "FILE:3: key 'listen[0].login_timeout': only used with a login");
+}
+
 TEST_F(LinkConfig, AUserWithoutPasswordIsRefused) {
     EXPECT_EQ(error_of("[[listen]]\naddress = \"127.0.0.1:0\"\nlogin = \"password\"\nusers = [ { user = \"a\" } ]\n"),
               "FILE:4: key 'listen[0].users[0].password': missing");
