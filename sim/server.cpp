@@ -129,10 +129,7 @@ void Server::tick() {
 }
 
 void Server::accept(tcp::socket socket, const LinkSettings& link) {
-    // Serial ports are configured, not arriving: only network clients count.
-    std::size_t clients = 0;
-    for (const auto& session : sessions_.sessions()) clients += session->info().link != "serial";
-    if (clients >= context_.limits.max_clients) return refuse(std::move(socket));
+    if (sessions_.network_clients() >= context_.limits.max_clients) return refuse(std::move(socket));
     start_session(std::make_unique<TcpTransport>(std::move(socket)), link);
 }
 
@@ -157,7 +154,7 @@ void Server::refuse(tcp::socket socket) {
     boost::system::error_code ignored;
     const tcp::endpoint peer = socket.remote_endpoint(ignored);
     log_.client_line("refused client from " + peer.address().to_string() + ":" + std::to_string(peer.port()) +
-              ": already " + std::to_string(sessions_.size()) + " clients (max_clients)");
+              ": already " + std::to_string(sessions_.network_clients()) + " clients (max_clients)");
     socket.set_option(tcp::no_delay(true), ignored);
     auto refused = std::make_shared<tcp::socket>(std::move(socket));
     auto line = std::make_shared<const std::string>("too many clients: the limit is " +

@@ -550,6 +550,15 @@ void Session::fail(const boost::system::error_code& ec, const char* operation) {
     stop(std::string(operation) + " failed: " + ec.message());
 }
 
+void SessionManager::join(const std::shared_ptr<Session>& session) {
+    if (sessions_.insert(session).second && session->info().link != "serial") ++network_clients_;
+}
+
+void SessionManager::leave(const std::shared_ptr<Session>& session) {
+    if (sessions_.erase(session) > 0 && session->info().link != "serial") --network_clients_;
+    memory_released();
+}
+
 void SessionManager::flush_waiting() {
     std::vector<std::shared_ptr<Session>> waiting;
     waiting.swap(awaiting_flush_);

@@ -348,6 +348,22 @@ class SerialPort(unittest.TestCase):
         self.assertEqual(self.panel.read_until(b"S:01E,1F\r\n>"), b"@ X:0/1E,1F\r\n>\r\nS:01E,1F\r\n>")
         self.assertEqual(client.read_until(PROMPT), b"\r\nS:01E,1F\r\n>")
 
+    def test_the_serial_port_does_not_count_against_max_clients(self):
+        directory = tempfile.mkdtemp(prefix="routerd-serial-")
+        self.addCleanup(shutil.rmtree, directory, True)
+        pair = PtyPair(self, directory)
+        routerd = Routerd(self, "[server]\nlisten = \"127.0.0.1:0\"\nmax_clients = 1\n",
+                          args=["--serial", pair.sim], announced=2)
+        panel = open_panel(self, pair.panel)
+        panel.send(b"@ ?\r")
+        self.assertEqual(panel.read_until(PROMPT), b"@ ?\r\n>")
+        first = tcp(self, routerd.ports[0])
+        first.send(b"@ ?\r")
+        self.assertEqual(first.read_until(PROMPT), b"@ ?\r\n>")
+        second = tcp(self, routerd.ports[0])
+        self.assertEqual(second.read_until(b"\r\n"), b"too many clients: the limit is 1\r\n")
+        self.assertTrue(routerd.log_contains(": already 1 clients (max_clients)"))
+
     def test_a_port_that_disappears_is_logged_and_reopened_with_a_new_instance(self):
         self.panel.send(b"@ ?\r")
         self.panel.read_until(PROMPT)
