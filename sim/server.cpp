@@ -76,13 +76,35 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
                 return start_session(std::move(transport), settings, std::move(on_stopped));
             },
             log_);
-        link->open();
+        link->open_port();
         serial_links_.push_back(std::move(link));
     }
     web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_);
     web_->state().set_store(state_.get());
     context_.watcher = &web_->state();
+    web_->state().set_links(this);
     switches_.watch(&web_->state());
+}
+
+std::vector<LinkStatus> Server::links() const {
+    std::vector<LinkStatus> links;
+    for (const auto& listener : listeners_) {
+        const LinkSettings& link = listener->config().link;
+        boost::system::error_code ec;
+        const tcp::endpoint endpoint = listener->local_endpoint(ec);
+        links.push_back({link.telnet ? "telnet" : "tcp",
+                         ec ? listener->config().address
+                            : endpoint.address().to_string() + ":" + std::to_string(endpoint.port()),
+                         link.describe(), !ec, ""});
+    }
+    for (const auto& serial : serial_links_) {
+        SerialSettings settings = serial->settings();
+        std::string described = settings.describe();
+        if (settings.idle_timeout.count() > 0)
+            described += ", idle timeout " + std::to_string(settings.idle_timeout.count()) + " s";
+        links.push_back({"serial", settings.device, described, serial->open(), serial->problem()});
+    }
+    return links;
 }
 
 void Server::run() {

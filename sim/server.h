@@ -10,6 +10,7 @@
 
 #include "host/plugin_library.h"
 #include "sim/config.h"
+#include "sim/links/link_status.h"
 #include "sim/links/serial_link.h"
 #include "sim/links/tcp_listener.h"
 #include "sim/log.h"
@@ -27,7 +28,7 @@ namespace routerd {
 // call into a converter instance ever overlaps another.
 // Once a second it sums up the refusals, retries the log, disconnects clients
 // that do not read and gives freed memory back to the system.
-class Server {
+class Server final : public LinkDirectory {
 public:
     // Opens the state file if there is one (throws StateError), binds the
     // listening sockets (throws ListenError) and opens the serial ports
@@ -36,6 +37,7 @@ public:
 
     const std::vector<std::unique_ptr<TcpListener>>& listeners() const { return listeners_; }
     const std::vector<std::unique_ptr<SerialLink>>& serial_links() const { return serial_links_; }
+    std::vector<LinkStatus> links() const override;
     // The web view's address, when it is on.
     std::optional<boost::asio::ip::tcp::endpoint> web_endpoint() const { return web_->endpoint(); }
 

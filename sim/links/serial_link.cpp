@@ -87,7 +87,7 @@ SerialLink::SerialLink(asio::io_context& io, SerialSettings settings, Starter st
     link_.idle_timeout = settings_.idle_timeout;
 }
 
-void SerialLink::open() { opened_ = std::make_unique<SerialTransport>(io_, settings_); }
+void SerialLink::open_port() { opened_ = std::make_unique<SerialTransport>(io_, settings_); }
 
 void SerialLink::run() { start_session(); }
 
@@ -99,13 +99,14 @@ void SerialLink::stop() {
 
 void SerialLink::start_session() {
     if (stopping_) return;
-    const bool started = starter_(std::move(opened_), link_, [this](const std::string&) { session_stopped(); });
-    if (!started) reopen_later();
+    serving_ = starter_(std::move(opened_), link_, [this](const std::string&) { session_stopped(); });
+    if (!serving_) reopen_later();
 }
 
 // The session is gone with its instance; a new one starts on the port when it
 // can be opened again, whatever ended the old one.
 void SerialLink::session_stopped() {
+    serving_ = false;
     if (stopping_) return;
     asio::post(io_, [this] { reopen_later(); });
 }
@@ -121,16 +122,16 @@ void SerialLink::reopen_later() {
 void SerialLink::try_reopen() {
     if (stopping_) return;
     try {
-        open();
+        open_port();
     } catch (const SerialError& e) {
-        if (!reopening_)
+        if (problem_.empty())
             log_.info(std::string(e.what()) + "; trying again every " + std::to_string(kReopenInterval.count()) +
                       " s");
-        reopening_ = true;
+        problem_ = e.what();
         return reopen_later();
     }
     log_.info("serial port " + settings_.device + " open (" + settings_.describe() + ")");
-    reopening_ = false;
+    problem_.clear();
     start_session();
 }
 

@@ -58,12 +58,16 @@ public:
     SerialLink(boost::asio::io_context& io, SerialSettings settings, Starter starter, const Log& log);
 
     // Opens the port; throws SerialError. Serving begins with run().
-    void open();
+    void open_port();
     void run();
     // No more reopening; the session itself is stopped with the others.
     void stop();
 
     const SerialSettings& settings() const { return settings_; }
+    // A session is being served on the port.
+    bool open() const { return serving_; }
+    // Why the port could not be opened the last time it was tried; empty while it is open.
+    const std::string& problem() const { return problem_; }
 
 private:
     void start_session();
@@ -78,7 +82,8 @@ private:
     const Log& log_;
     std::unique_ptr<SerialTransport> opened_;  // opened, its session not started yet
     boost::asio::steady_timer reopen_timer_;
-    bool reopening_ = false;  // the port is away; its absence is logged once
+    bool serving_ = false;
+    std::string problem_;     // the port is away; its absence is logged once
     bool stopping_ = false;
 };
 

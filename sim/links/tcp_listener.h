@@ -35,6 +35,10 @@ public:
 
     // The address actually bound (the real port when 0 was asked for).
     boost::asio::ip::tcp::endpoint local_endpoint() const { return acceptor_.local_endpoint(); }
+    // The same, without throwing once the listener is closed.
+    boost::asio::ip::tcp::endpoint local_endpoint(boost::system::error_code& ec) const {
+        return acceptor_.local_endpoint(ec);
+    }
     const ListenerConfig& config() const { return config_; }
 
     void run() { do_accept(); }

@@ -297,6 +297,10 @@ ApiReply route(WebState& state, http::verb method, std::string_view path, std::s
         expect_method(method, http::verb::get);
         return ok({{"clients", state.clients_json()}});
     }
+    if (parts.size() == 2 && parts[1] == "links") {
+        expect_method(method, http::verb::get);
+        return ok({{"links", state.links_json()}});
+    }
     if (parts.size() == 2 && parts[1] == "events") {
         expect_method(method, http::verb::get);
         std::uint64_t after = 0;

@@ -176,6 +176,19 @@ json WebState::clients_json() const {
     return clients;
 }
 
+json WebState::links_json() const {
+    json links = json::array();
+    if (!links_) return links;
+    for (const LinkStatus& link : links_->links()) {
+        links.push_back({{"kind", link.kind},
+                         {"where", link.where},
+                         {"settings", link.settings},
+                         {"up", link.up},
+                         {"problem", link.problem}});
+    }
+    return links;
+}
+
 void WebState::append_events(std::string& out, std::uint64_t after) const {
     // The newest events are at the back: find the first one after `after`.
     const auto& events = activity_.events();
@@ -202,6 +215,7 @@ std::string WebState::hello() const {
                 {"readonly", config_.readonly},
                 {"levels", std::move(levels)},
                 {"clients", clients_json()},
+                {"links", links_json()},
                 {"events", events_json(0)}}
         .dump(-1, ' ', false, json::error_handler_t::replace);
 }
@@ -247,6 +261,12 @@ void WebState::tick() {
     for (const auto& session : sessions_.sessions()) lines += session->info().lines_received;
     if (lines != lines_seen_) clients_changed_ = true;
     lines_seen_ = lines;
+    // A serial port that went away or came back changes no client by itself.
+    if (links_) {
+        std::vector<LinkStatus> links = links_->links();
+        if (links != links_seen_) clients_changed_ = true;
+        links_seen_ = std::move(links);
+    }
     if (clients_changed_) push();
     const auto now = std::chrono::steady_clock::now();
     for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end()))
@@ -284,6 +304,8 @@ void WebState::push() {
     if (clients_changed_) {
         frame += ",\"clients\":";
         frame += clients_json().dump(-1, ' ', false, json::error_handler_t::replace);
+        frame += ",\"links\":";
+        frame += links_json().dump(-1, ' ', false, json::error_handler_t::replace);
     }
     frame += '}';
     const auto message = std::make_shared<const std::string>(std::move(frame));

@@ -14,6 +14,7 @@
 #include "sim/config.h"
 #include "sim/log.h"
 #include "sim/router/router.h"
+#include "sim/links/link_status.h"
 #include "sim/session.h"
 #include "sim/session_manager.h"
 #include "sim/router/state_store.h"
@@ -46,6 +47,8 @@ public:
     // The state file, where saved routings live; null without --state.
     StateStore* store() { return store_; }
     void set_store(StateStore* store) { store_ = store; }
+    // The TCP ports and serial ports served, and how they stand.
+    void set_links(const LinkDirectory* links) { links_ = links; }
 
     // The Leitch level a router level is seen as, or -1.
     int leitch_level(int level) const;
@@ -53,6 +56,7 @@ public:
     nlohmann::json levels_json() const;
     nlohmann::json level_json(const LevelSpec& level) const;
     nlohmann::json clients_json() const;
+    nlohmann::json links_json() const;
     nlohmann::json events_json(std::uint64_t after) const;
     // The events after `after` as a JSON array's text.
     void append_events(std::string& out, std::uint64_t after) const;
@@ -89,6 +93,8 @@ private:
     std::vector<int> leitch_levels_;  // the router level of each Leitch level
     Router& router_;
     StateStore* store_ = nullptr;
+    const LinkDirectory* links_ = nullptr;
+    std::vector<LinkStatus> links_seen_;  // at the last push
     SwitchQueue& switches_;
     SessionManager& sessions_;
     const Log& log_;

@@ -2,6 +2,7 @@
 pseudo-terminal pairs, telnet through Debian's telnet program and through raw
 sockets, login, idle timeouts, and the configuration errors about them."""
 
+import json
 import os
 import pty
 import re
@@ -14,6 +15,7 @@ import tempfile
 import time
 import tty
 import unittest
+import urllib.request
 
 ROUTERD = os.environ.get("LEITCH_ROUTERD", "")
 
@@ -347,6 +349,33 @@ class SerialPort(unittest.TestCase):
         self.panel.send(b"@ X:0/1E,1F\r")
         self.assertEqual(self.panel.read_until(b"S:01E,1F\r\n>"), b"@ X:0/1E,1F\r\n>\r\nS:01E,1F\r\n>")
         self.assertEqual(client.read_until(PROMPT), b"\r\nS:01E,1F\r\n>")
+
+    def test_the_web_view_shows_a_port_that_is_away_and_back(self):
+        directory = tempfile.mkdtemp(prefix="routerd-serial-")
+        self.addCleanup(shutil.rmtree, directory, True)
+        pair = PtyPair(self, directory)
+        routerd = Routerd(self, args=["--listen", "127.0.0.1:0", "--serial", pair.sim + ":9600",
+                                      "--http", "127.0.0.1:0"], announced=3)
+        web_port = int(routerd.announcements[2].rstrip("/").rsplit(":", 1)[1])
+
+        def serial_status():
+            with urllib.request.urlopen("http://127.0.0.1:%d/api/links" % web_port, timeout=5) as reply:
+                links = json.load(reply)["links"]
+            return [(l["kind"], l["where"], l["settings"], l["up"], l["problem"]) for l in links if l["kind"] == "serial"]
+
+        self.assertEqual(serial_status(), [("serial", pair.sim, "9600 8N1", True, "")])
+        pair.stop()
+        away = [("serial", pair.sim, "9600 8N1", False,
+                 "cannot open serial port %s: No such file or directory" % pair.sim)]
+        deadline = time.monotonic() + 6
+        while serial_status() != away and time.monotonic() < deadline:
+            time.sleep(0.2)
+        self.assertEqual(serial_status(), away)
+        pair.start()
+        deadline = time.monotonic() + 6
+        while serial_status()[0][3] is not True and time.monotonic() < deadline:
+            time.sleep(0.2)
+        self.assertEqual(serial_status(), [("serial", pair.sim, "9600 8N1", True, "")])
 
     def test_the_serial_port_does_not_count_against_max_clients(self):
         directory = tempfile.mkdtemp(prefix="routerd-serial-")

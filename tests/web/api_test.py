@@ -99,6 +99,11 @@ class Api(unittest.TestCase):
                          ("tcp", True, 2, "@ X:0/3,2"))
         client.close()
 
+    def test_links_lists_the_tcp_port_served(self):
+        self.assertEqual(request(self.routerd, "GET", "/api/links"),
+                         (200, {"links": [{"kind": "tcp", "where": "127.0.0.1:%d" % self.routerd.port,
+                                           "settings": "", "up": True, "problem": ""}]}))
+
     def test_events_lists_takes_and_refusals_after_a_sequence_number(self):
         last = request(self.routerd, "GET", "/api/events")[1]["events"][-1]["seq"]
         request(self.routerd, "POST", "/api/levels/0/take", {"destination": 2, "source": 40})

@@ -87,6 +87,13 @@ class Page(unittest.TestCase):
         tabs = self.browser.find_elements("css selector", "#tabs button")
         self.assertEqual([t.get_attribute("data-level") for t in tabs], ["0", "1"])
 
+    def test_the_links_served_are_listed(self):
+        self.assertEqual(self.view("links()"), [{"kind": "tcp", "where": "127.0.0.1:%d" % self.routerd.port,
+                                                 "settings": "", "up": True, "problem": ""}])
+        rows = self.browser.find_elements("css selector", "#links tbody tr")
+        self.assertEqual([[cell.text for cell in row.find_elements("tag name", "td")] for row in rows],
+                         [["tcp", "127.0.0.1:%d" % self.routerd.port, "-", "listening"]])
+
     def test_take_by_a_leitch_client_shows_within_one_second(self):
         client = LeitchClient(self.routerd.port)
         client.send("@ X:0/5,3\r")

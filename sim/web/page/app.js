@@ -17,6 +17,7 @@
     readonlyServer: false,
     salvos: [],
     clients: [],
+    links: [],             // {kind, where, settings, up, problem}
     events: [],
     connected: false,
     hellos: 0,
@@ -285,6 +286,19 @@
     return true;
   }
 
+  // The TCP ports and serial ports served; a serial port that is away says why.
+  function renderLinks() {
+    const body = $('links').tBodies[0];
+    body.textContent = '';
+    for (const link of state.links) {
+      const row = body.insertRow();
+      row.dataset.link = link.where;
+      const status = link.up ? (link.kind === 'serial' ? 'open' : 'listening') : (link.problem || 'closed') + ', retrying';
+      for (const text of [link.kind, link.where, link.settings || '-', status]) row.insertCell().textContent = text;
+      if (!link.up) row.cells[3].className = 'down';
+    }
+  }
+
   function renderClients() {
     const body = $('clients').tBodies[0];
     body.textContent = '';
@@ -399,12 +413,14 @@
     if (message.readonly) $('readonly').checked = true;
     $('readonly').disabled = message.readonly;
     state.clients = message.clients;
+    state.links = message.links;
     state.events = [];
     state.hellos++;
     renderTabs();
     addEvents(message.events);
     renderActivity(true);
     renderClients();
+    renderLinks();
     loadSalvos();
     select(state.byNumber.has(shown) ? shown : state.levels.length ? state.levels[0].number : null);
     setConnection('open', 'live');
@@ -425,6 +441,7 @@
     }
     if (message.events) addEvents(message.events);
     if (message.clients) { state.clients = message.clients; renderClients(); }
+    if (message.links) { state.links = message.links; renderLinks(); }
     if (message.crosspoints.length || message.locks.length) redraw();
   }
 
@@ -598,6 +615,7 @@
     source: (level, destination) => state.byNumber.get(level).crosspoints[destination],
     lock: (level, destination) => state.byNumber.get(level).locks[destination],
     clients: () => state.clients.slice(),
+    links: () => state.links.slice(),
     events: () => state.events.slice(),
     lastRefusal: () => state.lastRefusal,
     message: () => $('message').textContent,
