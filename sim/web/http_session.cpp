@@ -77,12 +77,12 @@ void HttpSession::on_read(const boost::system::error_code& ec) {
     if (ec == http::error::header_limit || ec == http::error::buffer_overflow)
         return write(make_response(http::status::request_header_fields_too_large, 11, "application/json",
                                    error_message("request header larger than " + std::to_string(kMaxHeaderBytes) +
-                                              " bytes")),
+                                                 " bytes")),
                      true);
     if (ec == http::error::body_limit)
         return write(make_response(http::status::payload_too_large, 11, "application/json",
                                    error_message("request body larger than " + std::to_string(kMaxBodyBytes) + " bytes",
-                                              "body")),
+                                                 "body")),
                      true);
     if (ec) {
         if (ec.category() == http::make_error_code(http::error::bad_target).category())
@@ -112,7 +112,7 @@ HttpSession::Response HttpSession::answer(const Request& request) {
                                                                 request[http::field::host].size())))
         return make_response(http::status::forbidden, request.version(), "application/json",
                              error_message("requests that change the router are accepted only from the page itself",
-                                        "Origin"));
+                                           "Origin"));
     if (target.rfind("/api/", 0) == 0) {
         const ApiReply reply = handle_api(state_, request.method(), target, request.body());
         return make_response(reply.status, request.version(), "application/json", reply.body);
@@ -144,7 +144,7 @@ void HttpSession::upgrade(Request request) {
                                  " pages (max_pages)");
         return write(make_response(http::status::service_unavailable, request.version(), "application/json",
                                    error_message("too many pages: the limit is " +
-                                              std::to_string(state_.config().max_pages))),
+                                                 std::to_string(state_.config().max_pages))),
                      true);
     }
     stream_.expires_never();

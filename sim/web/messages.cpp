@@ -59,6 +59,10 @@ std::string clients_array(std::vector<const ClientInfo*> clients) {
     return dump(list);
 }
 
+json salvo_object(const Salvo& salvo) {
+    return {{"name", salvo.name}, {"levels", salvo.levels}, {"crosspoints", salvo.crosspoints}};
+}
+
 std::string links_array(const std::vector<LinkStatus>& links) {
     json list = json::array();
     for (const LinkStatus& link : links) {
@@ -107,7 +111,8 @@ void append_event(std::string& out, const ActivityEvent& event) {
     out += '"';
     if (change) append_field(out, "level", event.level);
     if (event.kind == ActivityEvent::Kind::connect) append_field(out, "peer", event.text);
-    if (event.kind == ActivityEvent::Kind::disconnect || is_refusal(event.kind)) append_field(out, "reason", event.text);
+    if (event.kind == ActivityEvent::Kind::disconnect || is_refusal(event.kind))
+        append_field(out, "reason", event.text);
     append_field(out, "seq", static_cast<std::int64_t>(event.seq));
     if (change) append_field(out, is_take(event.kind) ? "source" : "state", event.value);
     append_field(out, "time", epoch_ms(event.time));
@@ -188,14 +193,6 @@ std::string applied_message(int applied) { return dump({{"applied", applied}}); 
 std::string lock_message(int destination, bool locked) {
     return dump({{"destination", destination}, {"locked", locked}});
 }
-
-namespace {
-
-json salvo_object(const Salvo& salvo) {
-    return {{"name", salvo.name}, {"levels", salvo.levels}, {"crosspoints", salvo.crosspoints}};
-}
-
-}  // namespace
 
 std::string salvo_message(const Salvo& salvo) { return dump(salvo_object(salvo)); }
 
