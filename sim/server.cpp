@@ -79,11 +79,8 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
         link->open_port();
         serial_links_.push_back(std::move(link));
     }
-    web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_);
-    web_->state().set_store(state_.get());
+    web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_, state_.get(), *this);
     context_.watcher = &web_->state();
-    web_->state().set_links(this);
-    switches_.watch(&web_->state());
 }
 
 std::vector<LinkStatus> Server::links() const {

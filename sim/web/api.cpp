@@ -1,5 +1,6 @@
 #include "sim/web/api.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <limits>
@@ -8,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "sim/web/messages.h"
 #include "sim/web/web_state.h"
 
 namespace routerd::web {
@@ -17,15 +19,7 @@ using nlohmann::json;
 
 namespace {
 
-std::string dump(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
-
-ApiReply ok(const json& value) { return {http::status::ok, dump(value)}; }
-
-ApiReply error(http::status status, const std::string& message, const std::string& field = {}) {
-    json body = {{"error", message}};
-    if (!field.empty()) body["field"] = field;
-    return {status, dump(body)};
-}
+ApiReply ok(std::string body) { return {http::status::ok, std::move(body)}; }
 
 // A request that cannot be served, thrown from deep in a handler.
 struct Rejection {
@@ -33,7 +27,7 @@ struct Rejection {
 };
 
 [[noreturn]] void reject(http::status status, const std::string& message, const std::string& field = {}) {
-    throw Rejection{error(status, message, field)};
+    throw Rejection{{status, error_message(message, field)}};
 }
 
 std::vector<std::string_view> split_path(std::string_view path) {
@@ -83,27 +77,28 @@ int integer_field(const json& object, const std::string& name, const std::string
     return found->get<int>();
 }
 
-// The refusal of one change as an HTTP reply naming the field at fault.
+// The refusal of one change as an HTTP reply naming the field at fault; with
+// `applied` (not negative) when it ends a run of takes.
 ApiReply refused(Refusal refusal, const std::string& prefix, int applied) {
-    ApiReply reply;
+    http::status status = http::status::not_found;
+    std::string field = "level";
     switch (refusal) {
         case Refusal::destination_out_of_range:
-            reply = error(http::status::bad_request, describe(refusal), prefix + "destination");
+            status = http::status::bad_request;
+            field = prefix + "destination";
             break;
         case Refusal::source_out_of_range:
-            reply = error(http::status::bad_request, describe(refusal), prefix + "source");
+            status = http::status::bad_request;
+            field = prefix + "source";
             break;
         case Refusal::destination_locked:
-            reply = error(http::status::conflict, describe(refusal), prefix + "destination");
+            status = http::status::conflict;
+            field = prefix + "destination";
             break;
-        default: reply = error(http::status::not_found, describe(refusal), "level"); break;
+        default: break;
     }
-    if (applied >= 0) {
-        json body = json::parse(reply.body);
-        body["applied"] = applied;
-        reply.body = dump(body);
-    }
-    return reply;
+    if (applied < 0) return {status, error_message(describe(refusal), field)};
+    return {status, refusal_message(describe(refusal), field, applied)};
 }
 
 void refuse_when_readonly(const WebState& state) {
@@ -111,11 +106,27 @@ void refuse_when_readonly(const WebState& state) {
         reject(http::status::forbidden, "the web view is read-only (--http-readonly): changes are refused");
 }
 
+const LevelSpec& find_level(WebState& state, std::string_view text) {
+    const std::optional<long long> number = parse_number(text);
+    const LevelSpec* level = nullptr;
+    if (number && *number >= std::numeric_limits<int>::min() && *number <= std::numeric_limits<int>::max())
+        level = state.router().find_level(static_cast<int>(*number));
+    if (!level) reject(http::status::not_found, "no level " + std::string(text), "level");
+    return *level;
+}
+
+ApiReply list_levels(WebState& state, const ApiRequest&) { return ok(state.levels_message()); }
+
+ApiReply show_level(WebState& state, const ApiRequest& request) {
+    return ok(state.level_message(find_level(state, request.parameters.front())));
+}
+
 // Each take goes through the switch queue like a client's, in order: those
 // before a refused one are applied, the rest are not tried.
-ApiReply take(WebState& state, const LevelSpec& level, const std::string& body) {
+ApiReply take(WebState& state, const ApiRequest& http_request) {
+    const LevelSpec& level = find_level(state, http_request.parameters.front());
     refuse_when_readonly(state);
-    const json request = parse_body(body);
+    const json request = parse_body(http_request.body);
     std::vector<std::pair<int, int>> takes;  // destination, source
     bool many = false;
     if (const auto list = request.find("takes"); list != request.end()) {
@@ -145,12 +156,13 @@ ApiReply take(WebState& state, const LevelSpec& level, const std::string& body) 
         }
         ++applied;
     }
-    return ok({{"applied", applied}});
+    return ok(applied_message(applied));
 }
 
-ApiReply lock(WebState& state, const LevelSpec& level, const std::string& body) {
+ApiReply lock(WebState& state, const ApiRequest& http_request) {
+    const LevelSpec& level = find_level(state, http_request.parameters.front());
     refuse_when_readonly(state);
-    const json request = parse_body(body);
+    const json request = parse_body(http_request.body);
     const int destination = integer_field(request, "destination", "destination");
     const auto locked = request.find("locked");
     if (locked == request.end()) reject(http::status::bad_request, "missing field locked", "locked");
@@ -158,7 +170,7 @@ ApiReply lock(WebState& state, const LevelSpec& level, const std::string& body) 
     const int lock_state = locked->get<bool>() ? 1 : 0;
     const Refusal refusal = state.switches().lock(kWebClient, level.number, destination, lock_state);
     if (refusal != Refusal::none) return refused(refusal, "", -1);
-    return ok({{"destination", destination}, {"locked", lock_state == 1}});
+    return ok(lock_message(destination, lock_state == 1));
 }
 
 // Saved routings live in the state file.
@@ -178,22 +190,12 @@ std::string salvo_name(std::string_view name, const std::string& field) {
     return std::string(name);
 }
 
-json salvo_json(const Salvo& salvo) {
-    return {{"name", salvo.name}, {"levels", salvo.levels}, {"crosspoints", salvo.crosspoints}};
-}
+ApiReply list_salvos(WebState& state, const ApiRequest&) { return ok(salvos_message(salvo_store(state).salvos())); }
 
-ApiReply list_salvos(WebState& state) {
-    json list = json::array();
-    for (const Salvo& salvo : salvo_store(state).salvos()) list.push_back(salvo_json(salvo));
-    return ok({{"salvos", list}});
-}
-
-const LevelSpec& find_level(const WebState& state, std::string_view text);
-
-ApiReply save_salvo(WebState& state, const std::string& body) {
+ApiReply save_salvo(WebState& state, const ApiRequest& http_request) {
     refuse_when_readonly(state);
     StateStore& store = salvo_store(state);
-    const json request = parse_body(body);
+    const json request = parse_body(http_request.body);
     const auto name = request.find("name");
     if (name == request.end()) reject(http::status::bad_request, "missing field name", "name");
     if (!name->is_string()) reject(http::status::bad_request, "name must be a string", "name");
@@ -210,118 +212,141 @@ ApiReply save_salvo(WebState& state, const std::string& body) {
         reject(http::status::internal_server_error, e.what());
     }
     for (const Salvo& salvo : store.salvos()) {
-        if (salvo.name == saved) return ok(salvo_json(salvo));
+        if (salvo.name == saved) return ok(salvo_message(salvo));
     }
-    return ok({{"name", saved}});
+    return ok(saved_name_message(saved));
 }
 
-ApiReply delete_salvo(WebState& state, std::string_view name) {
+ApiReply delete_salvo(WebState& state, const ApiRequest& request) {
     refuse_when_readonly(state);
-    const std::string deleted = salvo_name(name, "name");
+    const std::string deleted = salvo_name(request.parameters.front(), "name");
     try {
         if (!salvo_store(state).delete_salvo(deleted)) reject(http::status::not_found, "no saved routing " + deleted, "name");
     } catch (const StateError& e) {
         reject(http::status::internal_server_error, e.what());
     }
-    return ok({{"deleted", deleted}});
+    return ok(deleted_message(deleted));
 }
 
 // A recall is every crosspoint of the routing taken through the switch queue,
 // in this one event, like a client's takes: locked destinations are refused
 // (and listed), the rest are told to every client on the next frame.
-ApiReply recall_salvo(WebState& state, std::string_view name) {
+ApiReply recall_salvo(WebState& state, const ApiRequest& request) {
     refuse_when_readonly(state);
-    const std::string recalled = salvo_name(name, "name");
+    const std::string recalled = salvo_name(request.parameters.front(), "name");
     const std::vector<SalvoCrosspoint> crosspoints = salvo_store(state).salvo(recalled);
     if (crosspoints.empty()) reject(http::status::not_found, "no saved routing " + recalled, "name");
     int applied = 0;
-    json refused_list = json::array();
+    std::vector<RefusedCrosspoint> refused_list;
     for (const SalvoCrosspoint& c : crosspoints) {
         const Refusal refusal = state.switches().take(kWebClient, c.level, c.source, c.destination);
         if (refusal == Refusal::none) {
             ++applied;
         } else {
-            refused_list.push_back({{"level", c.level},
-                                    {"destination", c.destination},
-                                    {"source", c.source},
-                                    {"reason", describe(refusal)}});
+            refused_list.push_back({c, refusal});
         }
     }
-    return ok({{"name", recalled}, {"applied", applied}, {"refused", refused_list}});
+    return ok(recall_message(recalled, applied, refused_list));
 }
 
-const LevelSpec& find_level(const WebState& state, std::string_view text) {
-    const std::optional<long long> number = parse_number(text);
-    const LevelSpec* level = nullptr;
-    if (number && *number >= std::numeric_limits<int>::min() && *number <= std::numeric_limits<int>::max())
-        level = const_cast<WebState&>(state).router().find_level(static_cast<int>(*number));
-    if (!level) reject(http::status::not_found, "no level " + std::string(text), "level");
-    return *level;
+ApiReply list_clients(WebState& state, const ApiRequest&) { return ok(state.clients_message()); }
+
+ApiReply list_links(WebState& state, const ApiRequest&) { return ok(state.links_message()); }
+
+ApiReply list_events(WebState& state, const ApiRequest& request) {
+    std::uint64_t after = 0;
+    if (const auto value = query_value(request.query, "after")) {
+        const std::optional<long long> number = parse_number(*value);
+        if (!number || *number < 0) reject(http::status::bad_request, "after must be a sequence number", "after");
+        after = static_cast<std::uint64_t>(*number);
+    }
+    return ok(state.events_message(after));
 }
 
-void expect_method(http::verb method, http::verb expected) {
-    if (method != expected)
-        reject(http::status::method_not_allowed, "use " + std::string(http::to_string(expected)) + " here");
-}
+bool is_parameter(std::string_view part) { return part.size() >= 2 && part.front() == '{' && part.back() == '}'; }
 
-ApiReply route(WebState& state, http::verb method, std::string_view path, std::string_view query,
-               const std::string& body) {
-    const std::vector<std::string_view> parts = split_path(path);  // "api", ...
-    if (parts.size() == 2 && parts[1] == "levels") {
-        expect_method(method, http::verb::get);
-        return ok({{"levels", state.levels_json()}});
-    }
-    if (parts.size() == 3 && parts[1] == "levels") {
-        expect_method(method, http::verb::get);
-        return ok(state.level_json(find_level(state, parts[2])));
-    }
-    if (parts.size() == 4 && parts[1] == "levels" && (parts[3] == "take" || parts[3] == "lock")) {
-        expect_method(method, http::verb::post);
-        const LevelSpec& level = find_level(state, parts[2]);
-        return parts[3] == "take" ? take(state, level, body) : lock(state, level, body);
-    }
-    if (parts.size() == 2 && parts[1] == "salvos") {
-        if (method == http::verb::post) return save_salvo(state, body);
-        expect_method(method, http::verb::get);
-        return list_salvos(state);
-    }
-    if (parts.size() == 3 && parts[1] == "salvos") {
-        expect_method(method, http::verb::delete_);
-        return delete_salvo(state, parts[2]);
-    }
-    if (parts.size() == 4 && parts[1] == "salvos" && parts[3] == "recall") {
-        expect_method(method, http::verb::post);
-        return recall_salvo(state, parts[2]);
-    }
-    if (parts.size() == 2 && parts[1] == "clients") {
-        expect_method(method, http::verb::get);
-        return ok({{"clients", state.clients_json()}});
-    }
-    if (parts.size() == 2 && parts[1] == "links") {
-        expect_method(method, http::verb::get);
-        return ok({{"links", state.links_json()}});
-    }
-    if (parts.size() == 2 && parts[1] == "events") {
-        expect_method(method, http::verb::get);
-        std::uint64_t after = 0;
-        if (const auto value = query_value(query, "after")) {
-            const std::optional<long long> number = parse_number(*value);
-            if (!number || *number < 0) reject(http::status::bad_request, "after must be a sequence number", "after");
-            after = static_cast<std::uint64_t>(*number);
+// The parts of `path` that the route's {...} stand for, when the path is the route's.
+std::optional<std::vector<std::string_view>> match_path(const ApiRoute& route,
+                                                        const std::vector<std::string_view>& parts) {
+    const std::vector<std::string_view> pattern = split_path(route.path);
+    if (pattern.size() != parts.size()) return std::nullopt;
+    std::vector<std::string_view> parameters;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (is_parameter(pattern[i])) {
+            parameters.push_back(parts[i]);
+        } else if (pattern[i] != parts[i]) {
+            return std::nullopt;
         }
-        return ok({{"events", state.events_json(after)}});
     }
-    reject(http::status::not_found, "no such endpoint: " + std::string(path));
+    return parameters;
 }
 
 }  // namespace
+
+const std::vector<ApiRoute>& api_routes() {
+    using http::verb;
+    static const std::vector<ApiRoute> routes = {
+        {verb::get, "/api/levels", list_levels, "the levels"},
+        {verb::get, "/api/levels/{level}", show_level, "crosspoints and locks of a level"},
+        {verb::post, "/api/levels/{level}/take", take,
+         R"(take {"destination":5,"source":3}, or several: {"takes":[{...},...]})"},
+        {verb::post, "/api/levels/{level}/lock", lock, R"(lock or unlock {"destination":5,"locked":true})"},
+        {verb::get, "/api/clients", list_clients, "the connected Leitch clients"},
+        {verb::get, "/api/links", list_links, "the links served, and how they stand"},
+        {verb::get, "/api/events", list_events, "the recent events, or those after ?after=SEQ"},
+        {verb::get, "/api/salvos", list_salvos, "the saved routings"},
+        {verb::post, "/api/salvos", save_salvo, R"(save the routing {"name":"morning"}, or of one level: "level":0)"},
+        {verb::delete_, "/api/salvos/{name}", delete_salvo, "delete a saved routing"},
+        {verb::post, "/api/salvos/{name}/recall", recall_salvo, "take every crosspoint of a saved routing"},
+    };
+    return routes;
+}
+
+RouteMatch find_route(http::verb method, std::string_view path) {
+    const std::vector<std::string_view> parts = split_path(path);
+    RouteMatch match;
+    for (const ApiRoute& route : api_routes()) {
+        std::optional<std::vector<std::string_view>> parameters = match_path(route, parts);
+        if (!parameters) continue;
+        if (route.method == method) {
+            match.route = &route;
+            match.parameters = std::move(*parameters);
+            match.path_route = nullptr;
+            return match;
+        }
+        if (!match.path_route) match.path_route = &route;
+    }
+    return match;
+}
+
+std::string describe_routes() {
+    std::size_t method_width = 0;
+    std::size_t path_width = 0;
+    for (const ApiRoute& route : api_routes()) {
+        method_width = std::max(method_width, http::to_string(route.method).size());
+        path_width = std::max(path_width, route.path.size());
+    }
+    std::string text;
+    for (const ApiRoute& route : api_routes()) {
+        const std::string_view method(http::to_string(route.method).data(), http::to_string(route.method).size());
+        text.append(method).append(method_width + 1 - method.size(), ' ');
+        text.append(route.path).append(path_width + 2 - route.path.size(), ' ');
+        text.append(route.summary).append("\n");
+    }
+    return text;
+}
 
 ApiReply handle_api(WebState& state, http::verb method, std::string_view target, const std::string& body) {
     const std::size_t question = target.find('?');
     const std::string_view path = target.substr(0, question);
     const std::string_view query = question == std::string_view::npos ? std::string_view() : target.substr(question + 1);
     try {
-        return route(state, method, path, query, body);
+        RouteMatch match = find_route(method, path);
+        if (match.route) return match.route->handler(state, {std::move(match.parameters), query, body});
+        if (match.path_route)
+            reject(http::status::method_not_allowed,
+                   "use " + std::string(http::to_string(match.path_route->method)) + " here");
+        reject(http::status::not_found, "no such endpoint: " + std::string(path));
     } catch (const Rejection& rejection) {
         return rejection.reply;
     }

@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/verb.hpp>
@@ -15,13 +16,40 @@ struct ApiReply {
     std::string body;  // JSON
 };
 
+// A request as a route's handler sees it.
+struct ApiRequest {
+    std::vector<std::string_view> parameters;  // the parts of the path a route's {...} stand for, in order
+    std::string_view query;
+    const std::string& body;
+};
+
+using ApiHandler = ApiReply (*)(WebState& state, const ApiRequest& request);
+
+struct ApiRoute {
+    boost::beast::http::verb method;
+    std::string_view path;  // "/api/levels/{level}": a {...} stands for one part of the path
+    ApiHandler handler;
+    std::string_view summary;  // what it serves or does, for the listing
+};
+
+// Every route of the HTTP API, in the order they are listed. The first route
+// of a path names the method a request with another method is told to use.
+const std::vector<ApiRoute>& api_routes();
+
+// The route a request's method and path find. Without one, `path_route` is
+// the first route of that path when some route serves it with another method
+// (405), else null (404). Empty parts of the path are skipped.
+struct RouteMatch {
+    const ApiRoute* route = nullptr;
+    const ApiRoute* path_route = nullptr;
+    std::vector<std::string_view> parameters;
+};
+RouteMatch find_route(boost::beast::http::verb method, std::string_view path);
+
+// The routes as text, one a line: method, path, summary.
+std::string describe_routes();
+
 // The HTTP API under /api/: `target` is the request target, query included.
-//   GET  /api/levels                 the levels
-//   GET  /api/levels/N               crosspoints and locks of level N
-//   POST /api/levels/N/take          {"destination":5,"source":3} or {"takes":[{...},...]}
-//   POST /api/levels/N/lock          {"destination":5,"locked":true}
-//   GET  /api/clients                the connected Leitch clients
-//   GET  /api/events[?after=SEQ]     the recent activity
 ApiReply handle_api(WebState& state, boost::beast::http::verb method, std::string_view target,
                     const std::string& body);
 

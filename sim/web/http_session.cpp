@@ -1,11 +1,10 @@
 #include "sim/web/http_session.h"
 
-#include <nlohmann/json.hpp>
-
 #include <boost/beast/websocket.hpp>
 
 #include "sim/web/api.h"
 #include "sim/web/listener.h"
+#include "sim/web/messages.h"
 #include "sim/web/page_files.h"
 #include "sim/web/request_guard.h"
 #include "sim/web/web_state.h"
@@ -29,12 +28,6 @@ std::string describe_peer(const tcp::socket& socket) {
     const tcp::endpoint peer = socket.remote_endpoint(ec);
     if (ec) return "unknown peer";
     return peer.address().to_string() + ":" + std::to_string(peer.port());
-}
-
-std::string json_error(const std::string& message, const std::string& field = {}) {
-    nlohmann::json body = {{"error", message}};
-    if (!field.empty()) body["field"] = field;
-    return body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 http::response<http::string_body> make_response(http::status status, unsigned version, std::string_view type,
@@ -83,18 +76,18 @@ void HttpSession::on_read(const boost::system::error_code& ec) {
         return close();
     if (ec == http::error::header_limit || ec == http::error::buffer_overflow)
         return write(make_response(http::status::request_header_fields_too_large, 11, "application/json",
-                                   json_error("request header larger than " + std::to_string(kMaxHeaderBytes) +
-                                              " bytes")),
+                                   error_message("request header larger than " + std::to_string(kMaxHeaderBytes) +
+                                                 " bytes")),
                      true);
     if (ec == http::error::body_limit)
         return write(make_response(http::status::payload_too_large, 11, "application/json",
-                                   json_error("request body larger than " + std::to_string(kMaxBodyBytes) + " bytes",
-                                              "body")),
+                                   error_message("request body larger than " + std::to_string(kMaxBodyBytes) + " bytes",
+                                                 "body")),
                      true);
     if (ec) {
         if (ec.category() == http::make_error_code(http::error::bad_target).category())
             return write(make_response(http::status::bad_request, 11, "application/json",
-                                       json_error("malformed request: " + ec.message())),
+                                       error_message("malformed request: " + ec.message())),
                          true);
         return close();
     }
@@ -102,7 +95,7 @@ void HttpSession::on_read(const boost::system::error_code& ec) {
     const std::string host(request[http::field::host]);
     if (!host_allowed(host, listener_.port()))
         return write(make_response(http::status::forbidden, request.version(), "application/json",
-                                   json_error("Host \"" + host + "\" is not the address served", "Host")),
+                                   error_message("Host \"" + host + "\" is not the address served", "Host")),
                      true);
     if (beast::websocket::is_upgrade(request)) return upgrade(std::move(request));
     const bool close_after = !request.keep_alive();
@@ -118,8 +111,8 @@ HttpSession::Response HttpSession::answer(const Request& request) {
                                    has_origin, std::string_view(request[http::field::host].data(),
                                                                 request[http::field::host].size())))
         return make_response(http::status::forbidden, request.version(), "application/json",
-                             json_error("requests that change the router are accepted only from the page itself",
-                                        "Origin"));
+                             error_message("requests that change the router are accepted only from the page itself",
+                                           "Origin"));
     if (target.rfind("/api/", 0) == 0) {
         const ApiReply reply = handle_api(state_, request.method(), target, request.body());
         return make_response(reply.status, request.version(), "application/json", reply.body);
@@ -127,10 +120,10 @@ HttpSession::Response HttpSession::answer(const Request& request) {
     const PageFile* file = find_page_file(target.substr(0, target.find('?')));
     if (!file)
         return make_response(http::status::not_found, request.version(), "application/json",
-                             json_error("not found: " + std::string(target)));
+                             error_message("not found: " + std::string(target)));
     if (request.method() != http::verb::get && request.method() != http::verb::head)
         return make_response(http::status::method_not_allowed, request.version(), "application/json",
-                             json_error("use GET here"));
+                             error_message("use GET here"));
     return make_response(http::status::ok, request.version(), file->content_type, std::string(file->body));
 }
 
@@ -143,15 +136,15 @@ void HttpSession::upgrade(Request request) {
         state_.log().client_line("page from " + peer_ + " refused: Origin \"" +
                                  std::string(has_origin ? origin->value() : "") + "\" is not the page's own");
         return write(make_response(http::status::forbidden, request.version(), "application/json",
-                                   json_error("WebSocket accepted only from the page itself", "Origin")),
+                                   error_message("WebSocket accepted only from the page itself", "Origin")),
                      true);
     }
     if (state_.pages() >= state_.config().max_pages) {
         state_.log().client_line("page from " + peer_ + " refused: already " + std::to_string(state_.pages()) +
                                  " pages (max_pages)");
         return write(make_response(http::status::service_unavailable, request.version(), "application/json",
-                                   json_error("too many pages: the limit is " +
-                                              std::to_string(state_.config().max_pages))),
+                                   error_message("too many pages: the limit is " +
+                                                 std::to_string(state_.config().max_pages))),
                      true);
     }
     stream_.expires_never();

@@ -1,16 +1,12 @@
 #include "sim/web/web_state.h"
 
 #include <algorithm>
-#include <ctime>
-#include <iterator>
 
 #include <boost/asio/post.hpp>
 
 #include "sim/web/websocket_session.h"
 
 namespace routerd::web {
-
-using nlohmann::json;
 
 namespace {
 
@@ -39,185 +35,61 @@ std::vector<int> parse_mapping(const std::map<std::string, std::string>& convert
     return levels;
 }
 
-std::int64_t epoch_ms(std::chrono::system_clock::time_point time) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
-}
-
-// Frames go to every page at every frame end, so their text is written here
-// directly rather than built as JSON objects first (the same fields as the
-// API's events).
-void append_number(std::string& out, std::int64_t number) { out += std::to_string(number); }
-
-void append_triples(std::string& out, const std::vector<std::array<int, 3>>& triples) {
-    out += '[';
-    for (std::size_t i = 0; i < triples.size(); ++i) {
-        if (i > 0) out += ',';
-        out += '[';
-        append_number(out, triples[i][0]);
-        out += ',';
-        append_number(out, triples[i][1]);
-        out += ',';
-        append_number(out, triples[i][2]);
-        out += ']';
-    }
-    out += ']';
-}
-
-void append_field(std::string& out, const char* name, std::int64_t number) {
-    out += ",\"";
-    out += name;
-    out += "\":";
-    append_number(out, number);
-}
-
-void append_field(std::string& out, const char* name, const std::string& text) {
-    out += ",\"";
-    out += name;
-    out += "\":";
-    out += json(text).dump(-1, ' ', false, json::error_handler_t::replace);
-}
-
-void append_event(std::string& out, const ActivityEvent& event) {
-    out += "{\"seq\":";
-    append_number(out, static_cast<std::int64_t>(event.seq));
-    append_field(out, "time", epoch_ms(event.time));
-    out += ",\"kind\":\"";
-    out += kind_name(event.kind);
-    out += '"';
-    append_field(out, "client", event.client);
-    switch (event.kind) {
-        case ActivityEvent::Kind::take:
-        case ActivityEvent::Kind::refused_take:
-            append_field(out, "level", event.level);
-            append_field(out, "destination", event.destination);
-            append_field(out, "source", event.value);
-            break;
-        case ActivityEvent::Kind::lock:
-        case ActivityEvent::Kind::refused_lock:
-            append_field(out, "level", event.level);
-            append_field(out, "destination", event.destination);
-            append_field(out, "state", event.value);
-            break;
-        case ActivityEvent::Kind::connect: append_field(out, "peer", event.text); break;
-        case ActivityEvent::Kind::disconnect: append_field(out, "reason", event.text); break;
-    }
-    if (event.kind == ActivityEvent::Kind::refused_take || event.kind == ActivityEvent::Kind::refused_lock)
-        append_field(out, "reason", event.text);
-    out += '}';
-}
-
 }  // namespace
 
 WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig& config, Router& router,
-                   SwitchQueue& switches, SessionManager& sessions, const Log& log)
+                   SwitchQueue& switches, SessionManager& sessions, const Log& log, StateStore* store,
+                   const LinkDirectory& links)
     : executor_(std::move(executor)),
       config_(config.web),
       leitch_levels_(parse_mapping(config.converter)),
       router_(router),
+      store_(store),
+      links_(links),
       switches_(switches),
       sessions_(sessions),
       log_(log),
       page_queue_bound_(kPageQueueBase + 2 * kFrameBytesPerDestination * router.total_destinations()) {
     router_.subscribe(*this);
+    switches_.watch(this);
 }
 
-WebState::~WebState() { router_.unsubscribe(*this); }
+WebState::~WebState() {
+    switches_.watch(nullptr);
+    router_.unsubscribe(*this);
+}
 
 int WebState::leitch_level(int level) const {
     const auto found = std::find(leitch_levels_.begin(), leitch_levels_.end(), level);
     return found == leitch_levels_.end() ? -1 : static_cast<int>(found - leitch_levels_.begin());
 }
 
-json WebState::levels_json() const {
-    json levels = json::array();
-    for (const LevelSpec& level : router_.levels()) {
-        const int leitch = leitch_level(level.number);
-        levels.push_back({{"number", level.number},
-                          {"name", level.name},
-                          {"sources", level.sources},
-                          {"destinations", level.destinations},
-                          {"leitch_level", leitch < 0 ? json(nullptr) : json(leitch)}});
-    }
-    return levels;
+LeitchLevelOf WebState::leitch_level_of() const {
+    return [this](int level) { return leitch_level(level); };
 }
 
-json WebState::level_json(const LevelSpec& level) const {
-    std::vector<int> crosspoints(static_cast<std::size_t>(level.destinations));
-    std::vector<int> locks(static_cast<std::size_t>(level.destinations));
-    for (int d = 0; d < level.destinations; ++d) {
-        crosspoints[static_cast<std::size_t>(d)] = router_.source_of(level.number, d);
-        locks[static_cast<std::size_t>(d)] = router_.lock_of(level.number, d);
-    }
-    const int leitch = leitch_level(level.number);
-    return {{"number", level.number},
-            {"name", level.name},
-            {"sources", level.sources},
-            {"destinations", level.destinations},
-            {"leitch_level", leitch < 0 ? json(nullptr) : json(leitch)},
-            {"crosspoints", crosspoints},
-            {"locks", locks}};
-}
-
-json WebState::clients_json() const {
+std::vector<const ClientInfo*> WebState::clients() const {
     std::vector<const ClientInfo*> infos;
     for (const auto& session : sessions_.sessions()) infos.push_back(&session->info());
-    std::sort(infos.begin(), infos.end(), [](const ClientInfo* a, const ClientInfo* b) { return a->id < b->id; });
-    json clients = json::array();
-    for (const ClientInfo* info : infos) {
-        clients.push_back({{"id", info->id},
-                           {"peer", info->peer},
-                           {"link", info->link},
-                           {"connected_since", epoch_ms(info->connected_since)},
-                           {"report_mode", info->report_mode},
-                           {"lines_received", info->lines_received},
-                           // Whatever bytes a client sent: never let them break the JSON.
-                           {"last_line", escape(info->last_line)}});
-    }
-    return clients;
+    return infos;
 }
 
-json WebState::links_json() const {
-    json links = json::array();
-    if (!links_) return links;
-    for (const LinkStatus& link : links_->links()) {
-        links.push_back({{"kind", link.kind},
-                         {"where", link.where},
-                         {"settings", link.settings},
-                         {"up", link.up},
-                         {"problem", link.problem}});
-    }
-    return links;
+std::string WebState::levels_message() const { return web::levels_message(router_, leitch_level_of()); }
+
+std::string WebState::level_message(const LevelSpec& level) const {
+    return web::level_message(router_, level, leitch_level(level.number));
 }
 
-void WebState::append_events(std::string& out, std::uint64_t after) const {
-    // The newest events are at the back: find the first one after `after`.
-    const auto& events = activity_.events();
-    auto first = events.end();
-    while (first != events.begin() && std::prev(first)->seq > after) --first;
-    out += '[';
-    for (auto it = first; it != events.end(); ++it) {
-        if (it != first) out += ',';
-        append_event(out, *it);
-    }
-    out += ']';
-}
+std::string WebState::clients_message() const { return web::clients_message(clients()); }
 
-json WebState::events_json(std::uint64_t after) const {
-    std::string text;
-    append_events(text, after);
-    return json::parse(text);
+std::string WebState::links_message() const { return web::links_message(links_.links()); }
+
+std::string WebState::events_message(std::uint64_t after) const {
+    return web::events_message(activity_.events(), after);
 }
 
 std::string WebState::hello() const {
-    json levels = json::array();
-    for (const LevelSpec& level : router_.levels()) levels.push_back(level_json(level));
-    return json{{"type", "hello"},
-                {"readonly", config_.readonly},
-                {"levels", std::move(levels)},
-                {"clients", clients_json()},
-                {"links", links_json()},
-                {"events", events_json(0)}}
-        .dump(-1, ' ', false, json::error_handler_t::replace);
+    return hello_message({config_.readonly, router_, leitch_level_of(), clients(), links_.links(), activity_.events()});
 }
 
 void WebState::crosspoint_changed(int level, int source, int destination) {
@@ -262,11 +134,9 @@ void WebState::tick() {
     if (lines != lines_seen_) clients_changed_ = true;
     lines_seen_ = lines;
     // A serial port that went away or came back changes no client by itself.
-    if (links_) {
-        std::vector<LinkStatus> links = links_->links();
-        if (links != links_seen_) clients_changed_ = true;
-        links_seen_ = std::move(links);
-    }
+    std::vector<LinkStatus> links = links_.links();
+    if (links != links_seen_) clients_changed_ = true;
+    links_seen_ = std::move(links);
     if (clients_changed_) push();
     const auto now = std::chrono::steady_clock::now();
     for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end()))
@@ -293,22 +163,10 @@ void WebState::push() {
         return;
     }
     if (crosspoints_.empty() && locks_.empty() && !new_events && !clients_changed_) return;
-    std::string frame = "{\"type\":\"frame\",\"crosspoints\":";
-    append_triples(frame, crosspoints_);
-    frame += ",\"locks\":";
-    append_triples(frame, locks_);
-    if (new_events) {
-        frame += ",\"events\":";
-        append_events(frame, pushed_seq_);
-    }
-    if (clients_changed_) {
-        frame += ",\"clients\":";
-        frame += clients_json().dump(-1, ' ', false, json::error_handler_t::replace);
-        frame += ",\"links\":";
-        frame += links_json().dump(-1, ' ', false, json::error_handler_t::replace);
-    }
-    frame += '}';
-    const auto message = std::make_shared<const std::string>(std::move(frame));
+    FrameMessage frame(crosspoints_, locks_);
+    if (new_events) frame.add_events(activity_.events(), pushed_seq_);
+    if (clients_changed_) frame.add_clients_and_links(clients(), links_.links());
+    const auto message = std::make_shared<const std::string>(frame.finish());
     crosspoints_.clear();
     locks_.clear();
     pushed_seq_ = activity_.last_seq();

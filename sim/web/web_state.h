@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -9,7 +8,6 @@
 #include <vector>
 
 #include <boost/asio/any_io_executor.hpp>
-#include <nlohmann/json.hpp>
 
 #include "sim/config.h"
 #include "sim/log.h"
@@ -20,6 +18,7 @@
 #include "sim/router/state_store.h"
 #include "sim/router/switch_queue.h"
 #include "sim/web/activity_log.h"
+#include "sim/web/messages.h"
 
 namespace routerd::web {
 
@@ -34,8 +33,12 @@ class WebState final : private RouterObserver, public SwitchWatcher, public Sess
 public:
     static constexpr std::size_t kActivityEvents = 300;
 
+    // `store` is the state file, where saved routings live (null without
+    // --state); `links` the TCP ports and serial ports served. The state
+    // watches `switches` and the router while it lives.
     WebState(boost::asio::any_io_executor executor, const SimulatorConfig& config, Router& router,
-             SwitchQueue& switches, SessionManager& sessions, const Log& log);
+             SwitchQueue& switches, SessionManager& sessions, const Log& log, StateStore* store,
+             const LinkDirectory& links);
     ~WebState();
     WebState(const WebState&) = delete;
     WebState& operator=(const WebState&) = delete;
@@ -46,20 +49,16 @@ public:
     SwitchQueue& switches() { return switches_; }
     // The state file, where saved routings live; null without --state.
     StateStore* store() { return store_; }
-    void set_store(StateStore* store) { store_ = store; }
-    // The TCP ports and serial ports served, and how they stand.
-    void set_links(const LinkDirectory* links) { links_ = links; }
 
     // The Leitch level a router level is seen as, or -1.
     int leitch_level(int level) const;
 
-    nlohmann::json levels_json() const;
-    nlohmann::json level_json(const LevelSpec& level) const;
-    nlohmann::json clients_json() const;
-    nlohmann::json links_json() const;
-    nlohmann::json events_json(std::uint64_t after) const;
-    // The events after `after` as a JSON array's text.
-    void append_events(std::string& out, std::uint64_t after) const;
+    // The messages of sim/web/messages.h for what the state holds now.
+    std::string levels_message() const;
+    std::string level_message(const LevelSpec& level) const;
+    std::string clients_message() const;
+    std::string links_message() const;
+    std::string events_message(std::uint64_t after) const;
     // Everything a page shows, for a page that has just connected.
     std::string hello() const;
 
@@ -87,13 +86,15 @@ private:
 
     void push_soon();
     void push();
+    std::vector<const ClientInfo*> clients() const;
+    LeitchLevelOf leitch_level_of() const;
 
     boost::asio::any_io_executor executor_;
     WebConfig config_;
     std::vector<int> leitch_levels_;  // the router level of each Leitch level
     Router& router_;
-    StateStore* store_ = nullptr;
-    const LinkDirectory* links_ = nullptr;
+    StateStore* store_;
+    const LinkDirectory& links_;
     std::vector<LinkStatus> links_seen_;  // at the last push
     SwitchQueue& switches_;
     SessionManager& sessions_;
@@ -103,8 +104,8 @@ private:
     int next_page_ = 1;
     std::size_t page_queue_bound_;
 
-    std::vector<std::array<int, 3>> crosspoints_;  // level, destination, source: told since the last push
-    std::vector<std::array<int, 3>> locks_;        // level, destination, state
+    std::vector<DestinationChange> crosspoints_;  // told since the last push
+    std::vector<DestinationChange> locks_;
     std::uint64_t pushed_seq_ = 0;                 // the last event pushed
     bool clients_changed_ = false;
     std::size_t lines_seen_ = 0;                   // lines received by all clients, at the last tick

@@ -8,8 +8,8 @@ using boost::asio::ip::tcp;
 
 
 WebView::WebView(boost::asio::io_context& io, const SimulatorConfig& config, Router& router, SwitchQueue& switches,
-                 SessionManager& sessions, const Log& log)
-    : state_(io.get_executor(), config, router, switches, sessions, log) {
+                 SessionManager& sessions, const Log& log, StateStore* store, const LinkDirectory& links)
+    : state_(io.get_executor(), config, router, switches, sessions, log, store, links) {
     if (config.web.listen == "off") return;
     const tcp::endpoint endpoint = resolve_listen(io, config.web.listen, "serve the web view on");
     try {

@@ -24,8 +24,9 @@ public:
     // leaves the web view off (with a log line: several simulators may run
     // side by side); an address named explicitly that cannot be bound throws
     // ListenError.
+    // `store` is the state file (null without --state).
     WebView(boost::asio::io_context& io, const SimulatorConfig& config, Router& router, SwitchQueue& switches,
-            SessionManager& sessions, const Log& log);
+            SessionManager& sessions, const Log& log, StateStore* store, const LinkDirectory& links);
 
     // The address served, if the web view is on.
     std::optional<boost::asio::ip::tcp::endpoint> endpoint() const;

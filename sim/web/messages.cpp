@@ -1,0 +1,260 @@
+#include "sim/web/messages.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+
+#include <nlohmann/json.hpp>
+
+#include "sim/log.h"
+
+namespace routerd::web {
+
+using nlohmann::json;
+
+namespace {
+
+std::string dump(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
+
+std::int64_t epoch_ms(std::chrono::system_clock::time_point time) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
+}
+
+json leitch_level_value(int leitch_level) { return leitch_level < 0 ? json(nullptr) : json(leitch_level); }
+
+json level_object(const LevelSpec& level, int leitch_level) {
+    return {{"number", level.number},
+            {"name", level.name},
+            {"sources", level.sources},
+            {"destinations", level.destinations},
+            {"leitch_level", leitch_level_value(leitch_level)}};
+}
+
+json level_state_object(const Router& router, const LevelSpec& level, int leitch_level) {
+    std::vector<int> crosspoints(static_cast<std::size_t>(level.destinations));
+    std::vector<int> locks(static_cast<std::size_t>(level.destinations));
+    for (int d = 0; d < level.destinations; ++d) {
+        crosspoints[static_cast<std::size_t>(d)] = router.source_of(level.number, d);
+        locks[static_cast<std::size_t>(d)] = router.lock_of(level.number, d);
+    }
+    json object = level_object(level, leitch_level);
+    object["crosspoints"] = std::move(crosspoints);
+    object["locks"] = std::move(locks);
+    return object;
+}
+
+std::string clients_array(std::vector<const ClientInfo*> clients) {
+    std::sort(clients.begin(), clients.end(), [](const ClientInfo* a, const ClientInfo* b) { return a->id < b->id; });
+    json list = json::array();
+    for (const ClientInfo* info : clients) {
+        list.push_back({{"id", info->id},
+                        {"peer", info->peer},
+                        {"link", info->link},
+                        {"connected_since", epoch_ms(info->connected_since)},
+                        {"report_mode", info->report_mode},
+                        {"lines_received", info->lines_received},
+                        // Whatever bytes a client sent: never let them break the JSON.
+                        {"last_line", escape(info->last_line)}});
+    }
+    return dump(list);
+}
+
+json salvo_object(const Salvo& salvo) {
+    return {{"name", salvo.name}, {"levels", salvo.levels}, {"crosspoints", salvo.crosspoints}};
+}
+
+std::string links_array(const std::vector<LinkStatus>& links) {
+    json list = json::array();
+    for (const LinkStatus& link : links) {
+        list.push_back({{"kind", link.kind},
+                        {"where", link.where},
+                        {"settings", link.settings},
+                        {"up", link.up},
+                        {"problem", link.problem}});
+    }
+    return dump(list);
+}
+
+// Events, crosspoints and locks go out in frames too: written straight to text.
+void append_number(std::string& out, std::int64_t number) { out += std::to_string(number); }
+
+void append_field(std::string& out, const char* name, std::int64_t number) {
+    out += ",\"";
+    out += name;
+    out += "\":";
+    append_number(out, number);
+}
+
+void append_field(std::string& out, const char* name, const std::string& text) {
+    out += ",\"";
+    out += name;
+    out += "\":";
+    out += dump(json(text));
+}
+
+bool is_refusal(ActivityEvent::Kind kind) {
+    return kind == ActivityEvent::Kind::refused_take || kind == ActivityEvent::Kind::refused_lock;
+}
+
+bool is_take(ActivityEvent::Kind kind) {
+    return kind == ActivityEvent::Kind::take || kind == ActivityEvent::Kind::refused_take;
+}
+
+// Keys in alphabetical order, like every other object the web view writes.
+void append_event(std::string& out, const ActivityEvent& event) {
+    out += "{\"client\":";
+    append_number(out, event.client);
+    const bool change = event.kind != ActivityEvent::Kind::connect && event.kind != ActivityEvent::Kind::disconnect;
+    if (change) append_field(out, "destination", event.destination);
+    out += ",\"kind\":\"";
+    out += kind_name(event.kind);
+    out += '"';
+    if (change) append_field(out, "level", event.level);
+    if (event.kind == ActivityEvent::Kind::connect) append_field(out, "peer", event.text);
+    if (event.kind == ActivityEvent::Kind::disconnect || is_refusal(event.kind))
+        append_field(out, "reason", event.text);
+    append_field(out, "seq", static_cast<std::int64_t>(event.seq));
+    if (change) append_field(out, is_take(event.kind) ? "source" : "state", event.value);
+    append_field(out, "time", epoch_ms(event.time));
+    out += '}';
+}
+
+void append_events(std::string& out, const std::deque<ActivityEvent>& events, std::uint64_t after) {
+    // The newest events are at the back: find the first one after `after`.
+    auto first = events.end();
+    while (first != events.begin() && std::prev(first)->seq > after) --first;
+    out += '[';
+    for (auto it = first; it != events.end(); ++it) {
+        if (it != first) out += ',';
+        append_event(out, *it);
+    }
+    out += ']';
+}
+
+void append_changes(std::string& out, const std::vector<DestinationChange>& changes) {
+    out += '[';
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        if (i > 0) out += ',';
+        out += '[';
+        append_number(out, changes[i][0]);
+        out += ',';
+        append_number(out, changes[i][1]);
+        out += ',';
+        append_number(out, changes[i][2]);
+        out += ']';
+    }
+    out += ']';
+}
+
+std::string levels_state_array(const Router& router, const LeitchLevelOf& leitch_level) {
+    json levels = json::array();
+    for (const LevelSpec& level : router.levels())
+        levels.push_back(level_state_object(router, level, leitch_level(level.number)));
+    return dump(levels);
+}
+
+}  // namespace
+
+std::string error_message(const std::string& error, const std::string& field) {
+    json body = {{"error", error}};
+    if (!field.empty()) body["field"] = field;
+    return dump(body);
+}
+
+std::string refusal_message(const std::string& error, const std::string& field, int applied) {
+    return dump({{"error", error}, {"field", field}, {"applied", applied}});
+}
+
+std::string levels_message(const Router& router, const LeitchLevelOf& leitch_level) {
+    json levels = json::array();
+    for (const LevelSpec& level : router.levels()) levels.push_back(level_object(level, leitch_level(level.number)));
+    return dump({{"levels", std::move(levels)}});
+}
+
+std::string level_message(const Router& router, const LevelSpec& level, int leitch_level) {
+    return dump(level_state_object(router, level, leitch_level));
+}
+
+std::string clients_message(std::vector<const ClientInfo*> clients) {
+    return "{\"clients\":" + clients_array(std::move(clients)) + '}';
+}
+
+std::string links_message(const std::vector<LinkStatus>& links) { return "{\"links\":" + links_array(links) + '}'; }
+
+std::string events_message(const std::deque<ActivityEvent>& events, std::uint64_t after) {
+    std::string text = "{\"events\":";
+    append_events(text, events, after);
+    text += '}';
+    return text;
+}
+
+std::string applied_message(int applied) { return dump({{"applied", applied}}); }
+
+std::string lock_message(int destination, bool locked) {
+    return dump({{"destination", destination}, {"locked", locked}});
+}
+
+std::string salvo_message(const Salvo& salvo) { return dump(salvo_object(salvo)); }
+
+std::string salvos_message(const std::vector<Salvo>& salvos) {
+    json list = json::array();
+    for (const Salvo& salvo : salvos) list.push_back(salvo_object(salvo));
+    return dump({{"salvos", std::move(list)}});
+}
+
+std::string saved_name_message(const std::string& name) { return dump({{"name", name}}); }
+
+std::string deleted_message(const std::string& name) { return dump({{"deleted", name}}); }
+
+std::string recall_message(const std::string& name, int applied, const std::vector<RefusedCrosspoint>& refused) {
+    json list = json::array();
+    for (const auto& [c, refusal] : refused) {
+        list.push_back({{"level", c.level},
+                        {"destination", c.destination},
+                        {"source", c.source},
+                        {"reason", describe(refusal)}});
+    }
+    return dump({{"name", name}, {"applied", applied}, {"refused", std::move(list)}});
+}
+
+std::string hello_message(const PageView& view) {
+    std::string text = "{\"clients\":";
+    text += clients_array(view.clients);
+    text += ",\"events\":";
+    append_events(text, view.events, 0);
+    text += ",\"levels\":";
+    text += levels_state_array(view.router, view.leitch_level);
+    text += ",\"links\":";
+    text += links_array(view.links);
+    text += ",\"readonly\":";
+    text += view.readonly ? "true" : "false";
+    text += ",\"type\":\"hello\"}";
+    return text;
+}
+
+FrameMessage::FrameMessage(const std::vector<DestinationChange>& crosspoints,
+                           const std::vector<DestinationChange>& locks)
+    : text_("{\"type\":\"frame\",\"crosspoints\":") {
+    append_changes(text_, crosspoints);
+    text_ += ",\"locks\":";
+    append_changes(text_, locks);
+}
+
+void FrameMessage::add_events(const std::deque<ActivityEvent>& events, std::uint64_t after) {
+    text_ += ",\"events\":";
+    append_events(text_, events, after);
+}
+
+void FrameMessage::add_clients_and_links(std::vector<const ClientInfo*> clients, const std::vector<LinkStatus>& links) {
+    text_ += ",\"clients\":";
+    text_ += clients_array(std::move(clients));
+    text_ += ",\"links\":";
+    text_ += links_array(links);
+}
+
+std::string FrameMessage::finish() {
+    text_ += '}';
+    return std::move(text_);
+}
+
+}  // namespace routerd::web
