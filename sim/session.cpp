@@ -178,7 +178,7 @@ void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
     reading_ = Reading::idle;
     if (state_ != State::open && state_ != State::logging_in) return;
     if (ec) return fail(ec, "read");
-    const Front::Read read = front_.read(input_.buffer(), length, std::shared_ptr<FrontUser>(shared_from_this(), this));
+    const Front::Read read = front_.read(input_.buffer(), length, *this);
     switch (read.outcome) {
         case Front::Outcome::broken:
             return drop(read.problem);

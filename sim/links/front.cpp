@@ -29,10 +29,10 @@ void Front::start(FrontUser& user) {
     if (login_) user.reply(Login::kUserPrompt);
 }
 
-Front::Read Front::read(char* bytes, std::size_t length, const std::shared_ptr<FrontUser>& user) {
+Front::Read Front::read(char* bytes, std::size_t length, FrontUser& user) {
     Read read;
     heard_ = true;
-    if (telnet_ && !decode_telnet(bytes, length, *user, read)) return read;
+    if (telnet_ && !decode_telnet(bytes, length, user, read)) return read;
     if (login_ && length > 0) return read_login(bytes, length, user);
     read.outcome = login_ ? Outcome::logging_in : Outcome::data;
     read.end = length;
@@ -60,13 +60,13 @@ bool Front::decode_telnet(char* bytes, std::size_t& length, FrontUser& user, Rea
     return true;
 }
 
-Front::Read Front::read_login(char* bytes, std::size_t length, const std::shared_ptr<FrontUser>& user) {
+Front::Read Front::read_login(char* bytes, std::size_t length, FrontUser& user) {
     Read read;
     read.outcome = Outcome::logging_in;
     // What was typed ahead of the next prompt is dropped, as login(1) does.
     if (delayed()) return read;
     const Login::Step step = login_->read(bytes, length);
-    if (!step.reply.empty()) user->reply(step.reply);
+    if (!step.reply.empty()) user.reply(step.reply);
     if (step.outcome == Login::Outcome::refused) refuse(user);
     if (step.outcome != Login::Outcome::passed) return read;
     log_.client_line(name_ + " logged in");
@@ -79,13 +79,13 @@ Front::Read Front::read_login(char* bytes, std::size_t length, const std::shared
 }
 
 // The rest of the input, and whatever comes before the next prompt, is dropped.
-void Front::refuse(const std::shared_ptr<FrontUser>& user) {
+void Front::refuse(FrontUser& user) {
     const int failures = login_->failures();
     log_.client_line(name_ + ": login incorrect (" + std::to_string(failures) + " of " +
                      std::to_string(Login::kMostFailures) + ")");
     login_->restart();
     delay_.expires_after(kLoginDelay);
-    delay_.async_wait([this, user, failures](const boost::system::error_code& ec) {
+    delay_.async_wait([this, user = user.keep_alive(), failures](const boost::system::error_code& ec) {
         if (ec || !login_) return;
         user->reply(Login::kIncorrect);
         if (failures >= Login::kMostFailures) {

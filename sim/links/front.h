@@ -17,10 +17,11 @@
 
 namespace routerd {
 
-// What the front door asks of the session behind it; kept alive by the
-// front door's timer while it waits.
+// What the front door asks of the session behind it.
 class FrontUser {
 public:
+    // Held by the front door's timer while it waits.
+    virtual std::shared_ptr<FrontUser> keep_alive() = 0;
     // Bytes for the client, exactly as they go on the wire.
     virtual void reply(std::string_view bytes) = 0;
     // Sends what is waiting now rather than with the next event's output.
@@ -64,7 +65,7 @@ public:
 
     // Decodes one read in place: the converter's bytes are left inside
     // `bytes` (see Read), and the answers go to `user` as they arise.
-    Read read(char* bytes, std::size_t length, const std::shared_ptr<FrontUser>& user);
+    Read read(char* bytes, std::size_t length, FrontUser& user);
     // The converter's output as it goes on the wire.
     std::string_view encode(const std::string& data);
 
@@ -77,8 +78,8 @@ public:
 
 private:
     bool decode_telnet(char* bytes, std::size_t& length, FrontUser& user, Read& read);
-    Read read_login(char* bytes, std::size_t length, const std::shared_ptr<FrontUser>& user);
-    void refuse(const std::shared_ptr<FrontUser>& user);
+    Read read_login(char* bytes, std::size_t length, FrontUser& user);
+    void refuse(FrontUser& user);
     bool delayed() const;
 
     const std::chrono::seconds login_timeout_;

@@ -18,8 +18,9 @@ using namespace std::chrono_literals;
 constexpr char IAC = '\xff', DO = '\xfd', WONT = '\xfc', kEcho = 1;
 
 // The session behind the door, as the door sees it.
-class Panel final : public FrontUser {
+class Panel final : public FrontUser, public std::enable_shared_from_this<Panel> {
 public:
+    std::shared_ptr<FrontUser> keep_alive() override { return shared_from_this(); }
     void reply(std::string_view bytes) override { replies += bytes; }
     void reply_now() override { replies += "|"; }
     void close_after_output(const std::string& reason) override { closed = reason; }
@@ -35,7 +36,7 @@ protected:
     }
     // What the converter gets from one read.
     std::string read(Front& front, std::string bytes, Front::Outcome expected) {
-        const Front::Read r = front.read(bytes.data(), bytes.size(), panel);
+        const Front::Read r = front.read(bytes.data(), bytes.size(), *panel);
         EXPECT_EQ(r.outcome, expected) << r.problem;
         return bytes.substr(r.begin, r.end - r.begin);
     }
@@ -76,7 +77,7 @@ TEST_F(FrontTest, TelnetNegotiationIsAnsweredAndNeverPassedOn) {
 TEST_F(FrontTest, ATelnetProtocolErrorBreaksTheLink) {
     Front front = door(telnet());
     std::string endless = std::string{IAC, '\xfa', 24} + std::string(64 * 1024, 'x');
-    const Front::Read r = front.read(endless.data(), endless.size(), panel);
+    const Front::Read r = front.read(endless.data(), endless.size(), *panel);
     EXPECT_EQ(r.outcome, Front::Outcome::broken);
     EXPECT_EQ(r.problem.rfind("telnet protocol error: ", 0), 0u) << r.problem;
 }

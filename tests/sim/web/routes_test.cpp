@@ -101,18 +101,18 @@ TEST(ApiRoutes, TheListingIsWrittenFromTheTable) {
               "POST   /api/salvos/{name}/recall  take every crosspoint of a saved routing\n");
 }
 
-// The README shows a curl command for each route: the table and it must agree.
-TEST(ApiRoutes, TheReadmeShowsEveryRoute) {
-    std::ifstream file(LEITCH_SOURCE_DIR "/README.md");
-    ASSERT_TRUE(file) << "README.md";
-    std::stringstream readme;
-    readme << file.rdbuf();
+// The API's page shows a curl command for each route: the table and it must agree.
+TEST(ApiRoutes, TheApiPageShowsEveryRoute) {
+    std::ifstream file(LEITCH_SOURCE_DIR "/docs/web-and-api.md");
+    ASSERT_TRUE(file) << "docs/web-and-api.md";
+    std::stringstream page;
+    page << file.rdbuf();
     for (const ApiRoute& route : api_routes()) {
         const std::string path = std::regex_replace(std::string(route.path), std::regex("\\{[a-z]+\\}"), "[^/ ?']+");
         const std::string method(http::to_string(route.method));
         const std::string curl = route.method == http::verb::get ? "curl '?" : "curl -X " + method + " ";
         const std::regex shown(curl + "http://127\\.0\\.0\\.1:8080" + path + "[ ?'\n]");
-        EXPECT_TRUE(std::regex_search(readme.str(), shown)) << method << " " << route.path;
+        EXPECT_TRUE(std::regex_search(page.str(), shown)) << method << " " << route.path;
     }
 }
 
