@@ -2,8 +2,6 @@
 
 #include <cerrno>
 
-#include "sim/config.h"
-
 namespace routerd {
 
 namespace asio = boost::asio;
@@ -16,21 +14,6 @@ namespace {
 constexpr std::chrono::seconds kAcceptPause{1};
 
 }  // namespace
-
-tcp::endpoint resolve_listen(asio::io_context& io, const std::string& listen, const std::string& purpose) {
-    ListenAddress address;
-    try {
-        address = parse_listen(listen);
-    } catch (const std::invalid_argument& e) {
-        throw ListenError("cannot " + purpose + " " + listen + ": " + e.what());
-    }
-    boost::system::error_code ec;
-    tcp::resolver resolver(io);
-    const auto results = resolver.resolve(address.host, std::to_string(address.port),
-                                          tcp::resolver::passive | tcp::resolver::numeric_service, ec);
-    if (ec || results.empty()) throw ListenError("cannot " + purpose + " " + listen + ": " + ec.message());
-    return results.begin()->endpoint();
-}
 
 TcpListener::TcpListener(asio::io_context& io, ListenerConfig config, Accepted accepted, const Log& log)
     : config_(std::move(config)), accepted_(std::move(accepted)), log_(log), acceptor_(io), accept_pause_(io) {

@@ -6,6 +6,7 @@
 
 #include <boost/asio/post.hpp>
 
+#include "sim/leitch_levels.h"
 #include "sim/web/websocket_session.h"
 
 namespace routerd::web {
@@ -19,25 +20,6 @@ namespace {
 constexpr std::size_t kPageQueueBase = 512 * 1024;
 // The most one destination's crosspoint and lock take in a frame message.
 constexpr std::size_t kFrameBytesPerDestination = 48;
-
-// level_mapping_video: the n-th router level listed is Leitch level n.
-std::vector<int> parse_mapping(const std::map<std::string, std::string>& converter) {
-    std::vector<int> levels;
-    const auto found = converter.find("level_mapping_video");
-    if (found == converter.end()) return levels;
-    const std::string& text = found->second;
-    std::size_t begin = 0;
-    while (begin <= text.size()) {
-        const std::size_t end = std::min(text.find(',', begin), text.size());
-        try {
-            levels.push_back(std::stoi(text.substr(begin, end - begin)));
-        } catch (const std::exception&) {
-            levels.push_back(-1);
-        }
-        begin = end + 1;
-    }
-    return levels;
-}
 
 std::int64_t epoch_ms(std::chrono::system_clock::time_point time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
@@ -112,7 +94,7 @@ WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig&
                    SwitchQueue& switches, SessionManager& sessions, const Log& log)
     : executor_(std::move(executor)),
       config_(config.web),
-      leitch_levels_(parse_mapping(config.converter)),
+      leitch_levels_(leitch_levels(config.converter)),
       router_(router),
       switches_(switches),
       sessions_(sessions),
@@ -124,8 +106,8 @@ WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig&
 WebState::~WebState() { router_.unsubscribe(*this); }
 
 int WebState::leitch_level(int level) const {
-    const auto found = std::find(leitch_levels_.begin(), leitch_levels_.end(), level);
-    return found == leitch_levels_.end() ? -1 : static_cast<int>(found - leitch_levels_.begin());
+    const auto found = leitch_levels_.find(level);
+    return found == leitch_levels_.end() ? -1 : found->second;
 }
 
 json WebState::levels_json() const {

@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -90,7 +91,7 @@ private:
 
     boost::asio::any_io_executor executor_;
     WebConfig config_;
-    std::vector<int> leitch_levels_;  // the router level of each Leitch level
+    std::map<int, int> leitch_levels_;  // router level -> the Leitch level clients see it as
     Router& router_;
     StateStore* store_ = nullptr;
     const LinkDirectory* links_ = nullptr;
