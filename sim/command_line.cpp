@@ -8,13 +8,11 @@
 #include "sim/links/endpoint.h"
 #include "sim/links/serial_link.h"
 #include "sim/links/serial_settings.h"
+#include "sim/startup_error.h"
 
 namespace routerd {
 
 namespace {
-
-// Exit code for a command line that cannot be used.
-constexpr int kCannotStart = 2;
 
 // The program the build produced uses the plug-in built beside it and, without
 // --config, the built-in router; an installed one (any other copy) uses the
@@ -59,8 +57,10 @@ void declare_options(CLI::App& app, CommandLine& options, std::string& config_pa
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_flag("--http-readonly", options.http_readonly, "the web view and the HTTP API refuse every change");
     app.add_flag("-v,--verbose", options.verbose, "log every line received and every reply, per client");
-    app.add_option("-s,--state", options.state_file, "keep the crosspoints and locks in this SQLite file across restarts");
-    app.add_flag("--fresh-state", options.fresh_state, "forget what the state file holds and start from the configuration");
+    app.add_option("-s,--state", options.state_file,
+                   "keep the crosspoints and locks in this SQLite file across restarts");
+    app.add_flag("--fresh-state", options.fresh_state,
+                 "forget what the state file holds and start from the configuration");
     app.add_option("-r,--record", options.record_directory,
                    "write every client link's session to a transcript file in this directory "
                    "(play it back with leitch-replay)");

@@ -6,7 +6,9 @@
 
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <string>
+#include <variant>
 
 #include "host/plugin_library.h"
 #include "sim/command_line.h"
@@ -16,9 +18,6 @@
 #include "sim/startup_error.h"
 
 namespace {
-
-// Exit code for anything that stops the simulator from starting.
-constexpr int kCannotStart = 2;
 
 // A reader of standard error that goes away must not end the simulator: the
 // log only loses its lines. Nor must a log file that reaches its size limit.
@@ -86,5 +85,5 @@ int main(int argc, char** argv) {
     } catch (const routerd::StartupError& e) {
         std::cerr << "leitch-routerd: " << e.heading() << e.what() << '\n';
     }
-    return kCannotStart;
+    return routerd::kCannotStart;
 }

@@ -5,6 +5,9 @@
 
 namespace routerd {
 
+// The exit code of a run that could not start.
+constexpr int kCannotStart = 2;
+
 // What stops the simulator from starting: main prints the program's name, the
 // heading and the message, and exits. Each kind of failure names its own
 // heading, so that the line tells a configuration mistake from a port in use.
