@@ -12,8 +12,11 @@
 #include <limits>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 
 #include <toml++/toml.h>
+
+#include "sim/links/endpoint.h"
 
 namespace routerd {
 
@@ -247,12 +250,10 @@ public:
         if (const toml::node* listen = http.get("listen")) {
             config.web.listen = string(*listen, "http.listen");
             config.web.listen_named = true;
-            if (config.web.listen != "off") {
-                try {
-                    parse_listen(config.web.listen);
-                } catch (const std::invalid_argument& e) {
-                    fail(listen->source(), "http.listen", std::string(e.what()) + " or \"off\"");
-                }
+            try {
+                check_listen_or_off(config.web.listen);
+            } catch (const std::invalid_argument& e) {
+                fail(listen->source(), "http.listen", e.what());
             }
         }
         if (const toml::node* readonly = http.get("readonly")) config.web.readonly = boolean(*readonly, "http.readonly");
@@ -444,18 +445,6 @@ void prepare_record_directory(const std::string& directory) {
         throw ConfigError("cannot record to " + directory + ": not a directory");
     if (::access(directory.c_str(), W_OK | X_OK) != 0)
         throw ConfigError("cannot record to " + directory + ": " + std::strerror(errno));
-}
-
-ListenAddress parse_listen(const std::string& text) {
-    const auto colon = text.rfind(':');
-    if (colon == std::string::npos || colon == 0 || colon + 1 == text.size())
-        throw std::invalid_argument("expected HOST:PORT, got \"" + text + "\"");
-    std::string host = text.substr(0, colon);
-    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-    const std::string port = text.substr(colon + 1);
-    if (port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos || std::stoul(port) > 65535)
-        throw std::invalid_argument("port must be a number from 0 to 65535, got \"" + port + "\"");
-    return {host, static_cast<unsigned short>(std::stoul(port))};
 }
 
 }  // namespace routerd

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -10,14 +9,15 @@
 #include "sim/links/serial_settings.h"
 #include "sim/recording.h"
 #include "sim/router/router.h"
+#include "sim/startup_error.h"
 
 namespace routerd {
 
 // A configuration file that cannot be used; the message names the file, the
 // line and the key.
-class ConfigError : public std::runtime_error {
+class ConfigError : public StartupError {
 public:
-    using std::runtime_error::runtime_error;
+    explicit ConfigError(const std::string& what) : StartupError(what, "configuration error: ") {}
 };
 
 struct InitialCrosspoint {
@@ -66,12 +66,5 @@ SimulatorConfig load_config(const std::string& path);
 // Makes sure recordings can be written to the directory, creating it when
 // missing; throws ConfigError naming it and the reason.
 void prepare_record_directory(const std::string& directory);
-
-// "HOST:PORT", "[v6-address]:PORT"; throws std::invalid_argument.
-struct ListenAddress {
-    std::string host;
-    unsigned short port;
-};
-ListenAddress parse_listen(const std::string& text);
 
 }  // namespace routerd

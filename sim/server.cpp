@@ -7,6 +7,7 @@
 
 #include <boost/asio/write.hpp>
 
+#include "sim/links/endpoint.h"
 #include "sim/links/tcp_transport.h"
 
 namespace routerd {
@@ -90,8 +91,7 @@ std::vector<LinkStatus> Server::links() const {
         boost::system::error_code ec;
         const tcp::endpoint endpoint = listener->local_endpoint(ec);
         links.push_back({link.telnet ? "telnet" : "tcp",
-                         ec ? listener->config().address
-                            : endpoint.address().to_string() + ":" + std::to_string(endpoint.port()),
+                         ec ? listener->config().address : format_endpoint(endpoint),
                          link.describe(), !ec, ""});
     }
     for (const auto& serial : serial_links_) {
@@ -170,10 +170,9 @@ bool Server::start_session(std::unique_ptr<Transport> transport, const LinkSetti
 
 // One line saying why, then the connection is closed.
 void Server::refuse(tcp::socket socket) {
+    log_.client_line("refused client from " + describe_peer(socket) + ": already " +
+                     std::to_string(sessions_.network_clients()) + " clients (max_clients)");
     boost::system::error_code ignored;
-    const tcp::endpoint peer = socket.remote_endpoint(ignored);
-    log_.client_line("refused client from " + peer.address().to_string() + ":" + std::to_string(peer.port()) +
-              ": already " + std::to_string(sessions_.network_clients()) + " clients (max_clients)");
     socket.set_option(tcp::no_delay(true), ignored);
     auto refused = std::make_shared<tcp::socket>(std::move(socket));
     auto line = std::make_shared<const std::string>("too many clients: the limit is " +

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
 
 #include <boost/asio/io_context.hpp>
@@ -13,14 +12,15 @@
 #include "sim/links/serial_settings.h"
 #include "sim/links/transport.h"
 #include "sim/log.h"
+#include "sim/startup_error.h"
 
 namespace routerd {
 
 // A serial port that cannot be opened (missing, busy, not a tty, settings
 // refused); the message names the device and the reason.
-class SerialError : public std::runtime_error {
+class SerialError : public StartupError {
 public:
-    using std::runtime_error::runtime_error;
+    using StartupError::StartupError;
 };
 
 // A client on a serial port, opened and set up (raw, the port's settings).

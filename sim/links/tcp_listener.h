@@ -1,27 +1,17 @@
 #pragma once
 
 #include <functional>
-#include <stdexcept>
 #include <string>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+
 #include "sim/links/accept_loop.h"
+#include "sim/links/endpoint.h"
 #include "sim/links/link_settings.h"
 #include "sim/log.h"
 
 namespace routerd {
-
-// The address cannot be listened on (in use, not local, not resolvable).
-class ListenError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// The address of "HOST:PORT" for a listening socket; throws ListenError,
-// "cannot <purpose> HOST:PORT: why".
-boost::asio::ip::tcp::endpoint resolve_listen(boost::asio::io_context& io, const std::string& listen,
-                                              const std::string& purpose);
 
 // One TCP listener ([[listen]]): accepts clients and hands each, with the
 // listener's link settings, to whoever starts sessions.

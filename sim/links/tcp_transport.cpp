@@ -1,5 +1,7 @@
 #include "sim/links/tcp_transport.h"
 
+#include "sim/links/endpoint.h"
+
 namespace routerd {
 
 namespace asio = boost::asio;
@@ -10,13 +12,6 @@ namespace {
 // The kernel's share of a client's waiting output is bounded too, so that a
 // client that does not read is seen as one soon.
 constexpr int kSocketSendBuffer = 256 * 1024;
-
-std::string describe_peer(const tcp::socket& socket) {
-    boost::system::error_code ec;
-    const tcp::endpoint peer = socket.remote_endpoint(ec);
-    if (ec) return "unknown peer";
-    return peer.address().to_string() + ":" + std::to_string(peer.port());
-}
 
 }  // namespace
 

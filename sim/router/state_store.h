@@ -2,23 +2,24 @@
 
 #include <cstddef>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "sim/log.h"
 #include "sim/router/router.h"
+#include "sim/startup_error.h"
 
 struct sqlite3;
 
 namespace routerd {
 
 // A state file that cannot be used: corrupt, not a database, in use by
-// another process, unwritable, or written for other levels.
-class StateError : public std::runtime_error {
+// another process, unwritable, or written for other levels. At start-up it
+// stops the simulator; later (saving a routing) it is answered where it happens.
+class StateError : public StartupError {
 public:
-    using std::runtime_error::runtime_error;
+    explicit StateError(const std::string& what) : StartupError(what, "state error: ") {}
 };
 
 // The router's crosspoints and locks on disk, in an SQLite database (WAL,

@@ -2,6 +2,7 @@
 
 #include <boost/beast/websocket.hpp>
 
+#include "sim/links/endpoint.h"
 #include "sim/web/api.h"
 #include "sim/web/listener.h"
 #include "sim/web/messages.h"
@@ -22,13 +23,6 @@ constexpr std::uint32_t kMaxHeaderBytes = 8 * 1024;
 constexpr std::uint64_t kMaxBodyBytes = 64 * 1024;
 // A request must arrive whole within this time, a response leave within it.
 constexpr std::chrono::seconds kRequestTimeout{15};
-
-std::string describe_peer(const tcp::socket& socket) {
-    boost::system::error_code ec;
-    const tcp::endpoint peer = socket.remote_endpoint(ec);
-    if (ec) return "unknown peer";
-    return peer.address().to_string() + ":" + std::to_string(peer.port());
-}
 
 http::response<http::string_body> make_response(http::status status, unsigned version, std::string_view type,
                                                 std::string body) {

@@ -4,6 +4,7 @@
 
 #include <boost/asio/post.hpp>
 
+#include "sim/leitch_levels.h"
 #include "sim/web/websocket_session.h"
 
 namespace routerd::web {
@@ -16,24 +17,6 @@ constexpr std::size_t kPageQueueBase = 512 * 1024;
 // The most one destination's crosspoint and lock take in a frame message.
 constexpr std::size_t kFrameBytesPerDestination = 48;
 
-// level_mapping_video: the n-th router level listed is Leitch level n.
-std::vector<int> parse_mapping(const std::map<std::string, std::string>& converter) {
-    std::vector<int> levels;
-    const auto found = converter.find("level_mapping_video");
-    if (found == converter.end()) return levels;
-    const std::string& text = found->second;
-    std::size_t begin = 0;
-    while (begin <= text.size()) {
-        const std::size_t end = std::min(text.find(',', begin), text.size());
-        try {
-            levels.push_back(std::stoi(text.substr(begin, end - begin)));
-        } catch (const std::exception&) {
-            levels.push_back(-1);
-        }
-        begin = end + 1;
-    }
-    return levels;
-}
 
 }  // namespace
 
@@ -42,7 +25,7 @@ WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig&
                    const LinkDirectory& links)
     : executor_(std::move(executor)),
       config_(config.web),
-      leitch_levels_(parse_mapping(config.converter)),
+      leitch_levels_(leitch_levels(config.converter)),
       router_(router),
       store_(store),
       links_(links),
@@ -60,8 +43,8 @@ WebState::~WebState() {
 }
 
 int WebState::leitch_level(int level) const {
-    const auto found = std::find(leitch_levels_.begin(), leitch_levels_.end(), level);
-    return found == leitch_levels_.end() ? -1 : static_cast<int>(found - leitch_levels_.begin());
+    const auto found = leitch_levels_.find(level);
+    return found == leitch_levels_.end() ? -1 : found->second;
 }
 
 LeitchLevelOf WebState::leitch_level_of() const {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -91,7 +92,7 @@ private:
 
     boost::asio::any_io_executor executor_;
     WebConfig config_;
-    std::vector<int> leitch_levels_;  // the router level of each Leitch level
+    std::map<int, int> leitch_levels_;  // router level -> the Leitch level clients see it as
     Router& router_;
     StateStore* store_;
     const LinkDirectory& links_;

@@ -1,16 +1,15 @@
 #include "sim/web/web_view.h"
 
-#include "sim/server.h"
+#include "sim/links/endpoint.h"
 
 namespace routerd::web {
 
 using boost::asio::ip::tcp;
 
-
 WebView::WebView(boost::asio::io_context& io, const SimulatorConfig& config, Router& router, SwitchQueue& switches,
                  SessionManager& sessions, const Log& log, StateStore* store, const LinkDirectory& links)
     : state_(io.get_executor(), config, router, switches, sessions, log, store, links) {
-    if (config.web.listen == "off") return;
+    if (listen_is_off(config.web.listen)) return;
     const tcp::endpoint endpoint = resolve_listen(io, config.web.listen, "serve the web view on");
     try {
         listener_ = std::make_unique<Listener>(io, endpoint, state_);
