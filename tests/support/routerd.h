@@ -3,8 +3,8 @@
 // leitch-routerd as a child process on a free port, watched from outside as
 // its users see it: its port, its log (standard error), its memory and CPU
 // time from /proc, its open-file limit; and a blocking client that talks to it
-// over loopback as a real client would. Every test and benchmark that starts
-// the simulator starts it through this.
+// over loopback as a real client would. The C++ tests and the attack
+// benchmark start the simulator through this (Python's twin: routerd.py).
 
 #include <sys/types.h>
 
