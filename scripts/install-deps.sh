@@ -26,7 +26,7 @@ packages=(
 
 # arm64 libraries come from Debian's multiarch packages. armhf's GoogleTest is
 # built from the sources in /usr/src/googletest instead (scripts/cross-test.sh):
-# see the README, "ARM", for why armhf is not added as an architecture.
+# see docs/packaging.md, "ARM", for why armhf is not added as an architecture.
 if ! dpkg --print-foreign-architectures | grep -qx arm64; then
   [ "$(id -u)" -eq 0 ] && dpkg --add-architecture arm64 || sudo dpkg --add-architecture arm64
 fi

@@ -6,7 +6,7 @@
 #
 #   scripts/package.sh                 for this machine's architecture
 #   scripts/package.sh --arch arm64    cross-built, needs the arm64 build
-#                                      dependencies (see README, "ARM")
+#                                      dependencies (see docs/packaging.md, "ARM")
 #
 # DEB_BUILD_OPTIONS=nocheck skips the test suite in the package build (CI
 # runs it before packaging). Installs what is missing first.
@@ -42,7 +42,7 @@ fi
 mv "$work"/*.deb "$work"/*.changes "$work"/*.buildinfo "$out"/
 changes=$(ls -t "$out"/*.changes | head -n 1)
 echo "=== lintian $(basename "$changes")"
-# Errors fail the build; warnings are printed (each one is explained in the README).
+# Errors fail the build; warnings are printed (each one is explained in docs/packaging.md, "lintian").
 lintian --fail-on error --display-info --tag-display-limit 0 "$changes"
 echo "packages in $out:"
 ls -1 "$out"/*.deb

@@ -9,7 +9,7 @@ using Operation = plugin_host::AnsweringDriver::Operation;
 void ClientDriver::TakePresets() {
     if (recording_) recording_->called(Operation::kTakePresets);
     if (log_.verbose())
-        log_.activity("client " + std::to_string(client_) + ": take " + std::to_string(presets_.size()) +
+        log_.activity(client_name(client_) + ": take " + std::to_string(presets_.size()) +
                       " preset(s)");
     for (const Preset& p : presets_) switches_.take(client_, p.level, p.source, p.destination);
     presets_.clear();

@@ -32,12 +32,12 @@ std::unique_ptr<LinkRecording> LinkRecording::open(const RecordSettings& setting
                              file_safe(peer) + ".txt";
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {
-        log.info("client " + std::to_string(client) + ": cannot record to " + path + ": " + std::strerror(errno));
+        log.info(client_name(client) + ": cannot record to " + path + ": " + std::strerror(errno));
         return nullptr;
     }
     std::unique_ptr<LinkRecording> recording(new LinkRecording(fd, path, client, settings.max_bytes, log));
-    recording->event_ = "# leitch-routerd: client " + std::to_string(client) + " from " + peer + "\n";
-    log.info("client " + std::to_string(client) + ": recording to " + path);
+    recording->event_ = "# leitch-routerd: " + client_name(client) + " from " + peer + "\n";
+    log.info(client_name(client) + ": recording to " + path);
     return recording;
 }
 
@@ -88,7 +88,7 @@ void LinkRecording::end_event() {
     if (written_ + event_.size() > max_bytes_) {
         stopped_ = true;
         event_.clear();
-        log_.info("client " + std::to_string(client_) + ": recording stopped at " + std::to_string(written_) +
+        log_.info(client_name(client_) + ": recording stopped at " + std::to_string(written_) +
                   " bytes (the bound is " + std::to_string(max_bytes_) + "): " + path_);
         return;
     }
@@ -98,7 +98,7 @@ void LinkRecording::end_event() {
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             stopped_ = true;
-            log_.info("client " + std::to_string(client_) + ": recording stopped: cannot write " + path_ + ": " +
+            log_.info(client_name(client_) + ": recording stopped: cannot write " + path_ + ": " +
                       std::strerror(errno));
             break;
         }

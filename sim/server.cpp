@@ -164,7 +164,7 @@ bool Server::start_session(std::unique_ptr<Transport> transport, const LinkSetti
         sessions_.join(session);
         session->start();
     } catch (const std::exception& e) {
-        log_.info("client " + std::to_string(id) + ": cannot start a session: " + e.what());
+        log_.info(client_name(id) + ": cannot start a session: " + e.what());
         session->stop("session failed to start");
         return false;
     }

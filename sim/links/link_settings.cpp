@@ -12,4 +12,8 @@ std::string LinkSettings::describe() const {
     return text;
 }
 
+std::string LinkSettings::note() const {
+    return telnet || login != LoginMode::off ? " (" + describe() + ")" : std::string();
+}
+
 }  // namespace routerd

@@ -30,6 +30,9 @@ struct LinkSettings {
 
     // "telnet, login, idle timeout 300 s"; empty for a plain link.
     std::string describe() const;
+    // " (telnet, login, ...)" for the log's line of a client that connects
+    // to a telnet or login link; empty for others.
+    std::string note() const;
 };
 
 // One TCP listener: [[listen]] in the configuration, or --listen.

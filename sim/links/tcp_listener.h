@@ -6,8 +6,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/steady_timer.hpp>
-
+#include "sim/links/accept_loop.h"
 #include "sim/links/link_settings.h"
 #include "sim/log.h"
 
@@ -34,27 +33,20 @@ public:
     TcpListener(boost::asio::io_context& io, ListenerConfig config, Accepted accepted, const Log& log);
 
     // The address actually bound (the real port when 0 was asked for).
-    boost::asio::ip::tcp::endpoint local_endpoint() const { return acceptor_.local_endpoint(); }
+    boost::asio::ip::tcp::endpoint local_endpoint() const { return loop_.local_endpoint(); }
     // The same, without throwing once the listener is closed.
     boost::asio::ip::tcp::endpoint local_endpoint(boost::system::error_code& ec) const {
-        return acceptor_.local_endpoint(ec);
+        return loop_.local_endpoint(ec);
     }
     const ListenerConfig& config() const { return config_; }
 
-    void run() { do_accept(); }
-    void stop();
+    void run() { loop_.run(); }
+    void stop() { loop_.stop(); }
 
 private:
-    void do_accept();
-    void on_accept(const boost::system::error_code& ec, boost::asio::ip::tcp::socket socket);
-    void pause_accepting(const boost::system::error_code& ec);
-
     ListenerConfig config_;
     Accepted accepted_;
-    const Log& log_;
-    boost::asio::ip::tcp::acceptor acceptor_;
-    boost::asio::steady_timer accept_pause_;
-    std::size_t failed_accepts_ = 0;  // in a row
+    AcceptLoop loop_;
 };
 
 }  // namespace routerd

@@ -6,7 +6,8 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/steady_timer.hpp>
+
+#include "sim/links/accept_loop.h"
 
 namespace routerd::web {
 
@@ -22,24 +23,22 @@ public:
     // Binds; throws boost::system::system_error.
     Listener(boost::asio::io_context& io, const boost::asio::ip::tcp::endpoint& endpoint, WebState& state);
 
-    boost::asio::ip::tcp::endpoint local_endpoint() const { return acceptor_.local_endpoint(); }
+    boost::asio::ip::tcp::endpoint local_endpoint() const { return loop_.local_endpoint(); }
     unsigned short port() const { return port_; }
 
-    void run() { do_accept(); }
+    void run() { loop_.run(); }
     void stop();
 
     void joined(HttpSession& session) { sessions_.insert(&session); }
     void left(HttpSession& session) { sessions_.erase(&session); }
 
 private:
-    void do_accept();
-    void on_accept(const boost::system::error_code& ec, boost::asio::ip::tcp::socket socket);
+    void accepted(boost::asio::ip::tcp::socket socket);
 
-    boost::asio::ip::tcp::acceptor acceptor_;
     WebState& state_;
+    AcceptLoop loop_;
     unsigned short port_;
     std::set<HttpSession*> sessions_;
-    boost::asio::steady_timer pause_;
 };
 
 }  // namespace routerd::web

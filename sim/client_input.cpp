@@ -1,0 +1,102 @@
+#include "sim/client_input.h"
+
+#include <algorithm>
+
+#include "sim/limits.h"
+
+namespace routerd {
+
+namespace {
+
+// The start of a client's last line kept for the web view.
+constexpr std::size_t kNotedLineBytes = 256;
+
+bool is_line_end(char c) { return c == '\r' || c == '\n'; }
+
+// The converter drops TAB, CR and LF in front of a line only while something
+// else follows them in its buffer, so a chunk that ends in one of them can
+// leave a bare terminator that would otherwise have been dropped. A chunk that
+// ends on any other character is cut like the whole input would be.
+bool is_white(char c) { return c == '\t' || is_line_end(c); }
+
+}  // namespace
+
+bool ClientInput::hold(std::size_t begin, std::size_t end, LineNotes& notes) {
+    const char* data = received_.data() + begin;
+    const std::size_t length = end - begin;
+    if (line_too_long(data, length)) return false;
+    if (log_.verbose()) log_received(data, length);
+    note_lines(data, length, notes);
+    begin_ = begin;
+    end_ = end;
+    return true;
+}
+
+std::string_view ClientInput::next_slice() {
+    const char* const data = received_.data();
+    const std::size_t budget_end = begin_ + kInputSliceBytes;
+    std::size_t cut = end_;
+    if (end_ > budget_end) {
+        cut = budget_end;
+        while (cut > begin_ && is_white(data[cut - 1])) --cut;
+        if (cut == begin_) {
+            // Nothing but white space so far: up to and including the next other character.
+            cut = budget_end;
+            while (cut < end_ && is_white(data[cut])) ++cut;
+            cut = cut < end_ ? cut + 1 : end_;
+        }
+    }
+    const std::string_view slice(data + begin_, cut - begin_);
+    begin_ = cut;
+    return slice;
+}
+
+bool ClientInput::line_too_long(const char* data, std::size_t length) {
+    for (std::size_t i = length; i > 0; --i) {
+        if (is_line_end(data[i - 1])) {
+            bytes_since_line_end_ = length - i;
+            return bytes_since_line_end_ > max_line_bytes_;
+        }
+    }
+    bytes_since_line_end_ += length;
+    return bytes_since_line_end_ > max_line_bytes_;
+}
+
+void ClientInput::log_received(const char* data, std::size_t length) {
+    for (std::size_t i = 0; i < length; ++i) {
+        const char c = data[i];
+        if (!is_line_end(c)) {
+            // Long lines are cut in the log; their start is enough to tell them apart.
+            if (activity_line_.size() < 256) activity_line_ += c;
+            continue;
+        }
+        if (!activity_line_.empty())
+            log_.activity(client_name(client_) + " << \"" + escape(activity_line_) + "\"");
+        activity_line_.clear();
+    }
+}
+
+// Report mode as far as the simulator can tell: from the lines that are
+// exactly "@ ?" or "@ !" (the converter itself may see it otherwise, for
+// instance in a line of several commands).
+void ClientInput::note_lines(const char* data, std::size_t length, LineNotes& notes) {
+    const char* const end = data + length;
+    while (data != end) {
+        // Whole runs at once: this sees every byte a client sends.
+        const char* const line_end = std::find_if(data, end, is_line_end);
+        const std::size_t room = kNotedLineBytes - std::min(kNotedLineBytes, current_line_.size());
+        current_line_.append(data, std::min(room, static_cast<std::size_t>(line_end - data)));
+        if (line_end == end) return;
+        data = line_end + 1;
+        if (current_line_.empty()) continue;
+        ++notes.lines_received;
+        if (current_line_.size() == 3 && current_line_[0] == '@' && current_line_[1] == ' ') {
+            if (current_line_[2] == '?') notes.report_mode = true;
+            if (current_line_[2] == '!') notes.report_mode = false;
+        }
+        notes.last_line.swap(current_line_);
+        current_line_.clear();
+    }
+}
+
+}  // namespace routerd

@@ -1,0 +1,91 @@
+// A client's input on its way to the converter, without sockets: slices,
+// the line bound, and the notes the web view shows.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "sim/client_input.h"
+#include "sim/limits.h"
+
+namespace routerd {
+namespace {
+
+class ClientInputTest : public ::testing::Test {
+protected:
+    bool hold(const std::string& bytes) {
+        std::memcpy(input.buffer(), bytes.data(), bytes.size());
+        return input.hold(0, bytes.size(), notes);
+    }
+    std::string slices() {
+        std::string joined;
+        while (!input.empty()) {
+            if (!joined.empty()) joined += '|';
+            joined += input.next_slice();
+        }
+        return joined;
+    }
+
+    Log log;
+    ClientInput input{1, log, 1024};
+    LineNotes notes;
+};
+
+TEST_F(ClientInputTest, ShortInputIsOneSlice) {
+    ASSERT_TRUE(hold("@ X:0/5,3\r@ ?\r"));
+    EXPECT_EQ(slices(), "@ X:0/5,3\r@ ?\r");
+}
+
+TEST_F(ClientInputTest, LongInputIsCutAtTheSliceSize) {
+    const std::string line(1000, 'a');
+    ASSERT_TRUE(hold(line.substr(0, 1000) + "\r"));
+    const std::string expected = line.substr(0, kInputSliceBytes) + "|" + line.substr(0, kInputSliceBytes) + "|" +
+                                 line.substr(0, kInputSliceBytes) + "|" + line.substr(0, 1000 - 3 * kInputSliceBytes) +
+                                 "\r";
+    EXPECT_EQ(slices(), expected);
+}
+
+TEST_F(ClientInputTest, ASliceNeverEndsJustAfterTabCrOrLf) {
+    const std::string head(kInputSliceBytes - 2, 'a');
+    ASSERT_TRUE(hold(head + "\r\n\tb" + "rest\r"));
+    EXPECT_EQ(slices(), head + "|\r\n\tbrest\r");
+}
+
+TEST_F(ClientInputTest, WhiteSpaceOnlyRunsUpToTheNextOtherCharacter) {
+    const std::string white(kInputSliceBytes + 5, '\r');
+    ASSERT_TRUE(hold(white + "xy"));
+    EXPECT_EQ(slices(), white + "x|y");
+}
+
+TEST_F(ClientInputTest, ALineOverTheBoundIsRefusedAndNothingOfItNoted) {
+    ASSERT_TRUE(hold(std::string(1000, 'a')));
+    EXPECT_FALSE(hold(std::string(25, 'a')));
+    EXPECT_EQ(notes.lines_received, 0u);
+    EXPECT_EQ(notes.last_line, "");
+}
+
+TEST_F(ClientInputTest, ALineEndStartsTheCountAgain) {
+    ASSERT_TRUE(hold(std::string(1000, 'a') + "\n" + std::string(1000, 'b')));
+    EXPECT_TRUE(hold(std::string(24, 'b')));
+    EXPECT_FALSE(hold("b"));
+}
+
+TEST_F(ClientInputTest, LinesAreCountedAndTheLastIsKeptCutAt256Bytes) {
+    ASSERT_TRUE(hold("@ X:0/5,3\r\n\r\n" + std::string(300, 'z') + "\r"));
+    EXPECT_EQ(notes.lines_received, 2u);
+    EXPECT_EQ(notes.last_line, std::string(256, 'z'));
+}
+
+TEST_F(ClientInputTest, ReportModeFollowsLinesThatAreExactlyTheModeCommands) {
+    ASSERT_TRUE(hold("@ ?\r"));
+    EXPECT_TRUE(notes.report_mode);
+    ASSERT_TRUE(hold("@ !;@ ?\r"));
+    EXPECT_TRUE(notes.report_mode);
+    ASSERT_TRUE(hold("@ "));
+    ASSERT_TRUE(hold("!\n"));
+    EXPECT_FALSE(notes.report_mode);
+}
+
+}  // namespace
+}  // namespace routerd
