@@ -161,13 +161,13 @@ int main(int argc, char** argv) {
         for (const Router& router : options.routers) {
             const std::string config = (directory / "routerd.toml").string();
             std::ofstream(config) << router_config(router, options.server_keys);
-            ServerOptions server_options{options.routerd, {"--config", config}, LogReader::reads, 0};
+            simtest::RouterdOptions server_options{{"--config", config}, options.routerd};
             if (!options.plugin.empty()) {
                 server_options.args.push_back("--plugin");
                 server_options.args.push_back(options.plugin);
             }
             try {
-                Server server(server_options);
+                simtest::Routerd server(server_options);
                 RunOptions run;
                 run.attack_time = std::chrono::milliseconds(static_cast<long>(options.seconds * 1000));
                 const RunResult result = run_attack(server, router, plan(kind, router, options.line_bytes, options.hostiles), run);

@@ -16,7 +16,7 @@ import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "..", "tests", "web"))
+sys.path[:0] = [os.path.join(HERE, "..", "..", "tests", "support"), os.path.join(HERE, "..", "..", "tests", "sim", "web")]
 BUILD = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(HERE, "..", "..", "build", "default"))
 os.environ.setdefault("LEITCH_ROUTERD", os.path.join(BUILD, "sim", "leitch-routerd"))
 
@@ -29,12 +29,6 @@ LARGE = os.path.join(HERE, "..", "loadgen", "large_router.toml")
 def percentile(values, fraction):
     ordered = sorted(values)
     return ordered[min(len(ordered) - 1, int(fraction * len(ordered)))] if ordered else float("nan")
-
-
-def cpu_seconds(pid):
-    with open("/proc/%d/stat" % pid) as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 def paint_latencies(browser, sent):
@@ -123,13 +117,13 @@ def main():
             # its report, then 32 at a time.
             for label, window in (("one take at a time", 1), ("32 takes outstanding", 32)):
                 takes = 3000 if window == 1 else 32000
-                before = cpu_seconds(server.process.pid)
+                before = server.cpu_seconds()
                 for first in range(0, takes, window):
                     batch = [(i % 32, (i // 32 + i) % 32) for i in range(first, first + window)]
                     client.send("".join("@ X:0/%X,%X\r" % take for take in batch))
                     client.read_until("S:0%X,%X\r\n>" % batch[-1], 5)
                 time.sleep(0.2)
-                used = cpu_seconds(server.process.pid) - before
+                used = server.cpu_seconds() - before
                 rows.append(("simulator CPU per take, %s, %d page(s) open" % (label, pages),
                              "%.1f µs" % (used * 1e6 / takes)))
             for handle in handles[1:]:

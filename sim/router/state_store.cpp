@@ -32,6 +32,65 @@ private:
     sqlite3_stmt* statement_ = nullptr;
 };
 
+// One transaction: begun with the object and rolled back when it goes without
+// commit() having succeeded, however the scope that began it ends.
+class Transaction {
+public:
+    explicit Transaction(sqlite3* db) : db_(db), begun_(run("BEGIN")) {}
+    ~Transaction() {
+        if (!committed_) run("ROLLBACK");
+    }
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+
+    bool begun() const { return begun_; }
+    bool commit() {
+        committed_ = run("COMMIT");
+        return committed_;
+    }
+
+private:
+    bool run(const char* sql) const { return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK; }
+
+    sqlite3* db_;
+    bool begun_;
+    bool committed_ = false;
+};
+
+// Runs `write` in a transaction of its own and commits it. On failure
+// `reason` is SQLite's message, read before the rollback replaces it.
+template <typename Write>
+bool commit_transaction(sqlite3* db, const Write& write, std::string& reason) {
+    Transaction transaction(db);
+    if (transaction.begun() && write() && transaction.commit()) return true;
+    reason = sqlite3_errmsg(db);
+    return false;
+}
+
+// The crosspoints of `only` or of every level, under `name`, in place of
+// what that name held.
+bool write_salvo(sqlite3* db, const std::string& name, const Router& router, const LevelSpec* only) {
+    Statement forget(db, "DELETE FROM salvos WHERE name = ?");
+    if (!forget.ok()) return false;
+    sqlite3_bind_text(forget.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
+    if (!forget.run({})) return false;
+    Statement insert(db, "INSERT INTO salvos VALUES (?, ?, ?, ?)");
+    if (!insert.ok()) return false;
+    for (const LevelSpec& level : router.levels()) {
+        if (only && only->number != level.number) continue;
+        for (int destination = 0; destination < level.destinations; ++destination) {
+            sqlite3_bind_text(insert.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_int(insert.get(), 2, level.number);
+            sqlite3_bind_int(insert.get(), 3, destination);
+            sqlite3_bind_int(insert.get(), 4, router.source_of(level.number, destination));
+            const bool inserted = sqlite3_step(insert.get()) == SQLITE_DONE;
+            sqlite3_reset(insert.get());
+            if (!inserted) return false;
+        }
+    }
+    return true;
+}
+
 const char* const kSchema =
     "CREATE TABLE IF NOT EXISTS levels (number INTEGER PRIMARY KEY, sources INTEGER NOT NULL,"
     " destinations INTEGER NOT NULL);"
@@ -173,26 +232,25 @@ void StateStore::retry() {
     if (!unsaved_.empty()) commit_unsaved();
 }
 
-bool StateStore::commit_unsaved() {
-    bool ok = sqlite3_exec(db_, "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK;
-    {
-        Statement crosspoint(db_, "INSERT OR REPLACE INTO crosspoints VALUES (?, ?, ?)");
-        Statement lock(db_, "INSERT OR REPLACE INTO locks VALUES (?, ?, ?)");
-        ok = ok && crosspoint.ok() && lock.ok();
-        for (auto it = unsaved_.begin(); ok && it != unsaved_.end(); ++it) {
-            const auto& [kind, level, destination] = it->first;
-            ok = (kind == PublishedChange::crosspoint ? crosspoint : lock).run({level, destination, it->second});
-        }
+bool StateStore::write_unsaved() const {
+    Statement crosspoint(db_, "INSERT OR REPLACE INTO crosspoints VALUES (?, ?, ?)");
+    Statement lock(db_, "INSERT OR REPLACE INTO locks VALUES (?, ?, ?)");
+    if (!crosspoint.ok() || !lock.ok()) return false;
+    for (const auto& [key, value] : unsaved_) {
+        const auto& [kind, level, destination] = key;
+        if (!(kind == PublishedChange::crosspoint ? crosspoint : lock).run({level, destination, value})) return false;
     }
-    ok = ok && sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
-    if (ok) {
+    return true;
+}
+
+bool StateStore::commit_unsaved() {
+    std::string reason;
+    if (commit_transaction(db_, [this] { return write_unsaved(); }, reason)) {
         if (failing_) log_.info("state file " + path_ + " written again");
         failing_ = false;
         unsaved_.clear();
         return true;
     }
-    const std::string reason = sqlite3_errmsg(db_);
-    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     if (!failing_) {
         log_.info("cannot write the state file " + path_ + ": " + reason +
                   "; serving from memory and trying again every second");
@@ -202,31 +260,8 @@ bool StateStore::commit_unsaved() {
 }
 
 void StateStore::save_salvo(const std::string& name, const Router& router, const LevelSpec* only) {
-    bool ok = sqlite3_exec(db_, "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK;
-    {
-        Statement forget(db_, "DELETE FROM salvos WHERE name = ?");
-        ok = ok && forget.ok();
-        if (ok) sqlite3_bind_text(forget.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
-        ok = ok && forget.run({});
-        Statement insert(db_, "INSERT INTO salvos VALUES (?, ?, ?, ?)");
-        ok = ok && insert.ok();
-        for (const LevelSpec& level : router.levels()) {
-            if (!ok) break;
-            if (only && only->number != level.number) continue;
-            for (int destination = 0; ok && destination < level.destinations; ++destination) {
-                sqlite3_bind_text(insert.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
-                sqlite3_bind_int(insert.get(), 2, level.number);
-                sqlite3_bind_int(insert.get(), 3, destination);
-                sqlite3_bind_int(insert.get(), 4, router.source_of(level.number, destination));
-                ok = sqlite3_step(insert.get()) == SQLITE_DONE;
-                sqlite3_reset(insert.get());
-            }
-        }
-    }
-    ok = ok && sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
-    if (ok) return;
-    const std::string reason = sqlite3_errmsg(db_);
-    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    std::string reason;
+    if (commit_transaction(db_, [&] { return write_salvo(db_, name, router, only); }, reason)) return;
     throw StateError(path_ + ": cannot save the routing " + name + ": " + reason);
 }
 

@@ -72,6 +72,7 @@ private:
 
     void execute(const char* sql) const;
     bool commit_unsaved();
+    bool write_unsaved() const;
     void store_all(const Router& router);
     std::string describe_levels() const;
 

@@ -8,7 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "routerd_process.h"
+#include "support/routerd.h"
 
 namespace simtest {
 namespace {

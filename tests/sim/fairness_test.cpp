@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "routerd_process.h"
+#include "support/routerd.h"
 
 namespace simtest {
 namespace {

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "routerd_process.h"
+#include "support/routerd.h"
 
 namespace simtest {
 namespace {

@@ -10,7 +10,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "routerd_process.h"
+#include "support/routerd.h"
 #include "support/child_process.h"
 
 namespace simtest {

@@ -5,7 +5,7 @@
 
 #include <cstdio>
 
-#include "routerd_process.h"
+#include "support/routerd.h"
 
 namespace simtest {
 namespace {

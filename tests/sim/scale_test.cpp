@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "routerd_process.h"
+#include "support/routerd.h"
 
 namespace simtest {
 namespace {

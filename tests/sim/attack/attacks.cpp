@@ -151,7 +151,7 @@ AttackPlan plan(AttackKind kind, const Router& router, std::size_t line_bytes, i
     return result;
 }
 
-RunResult run_attack(Server& server, const Router& router, const AttackPlan& attack, const RunOptions& options) {
+RunResult run_attack(simtest::Routerd& server, const Router& router, const AttackPlan& attack, const RunOptions& options) {
     const auto began = Clock::now();
     RunResult result;
     Observer observer(server.port(), router);
@@ -174,7 +174,7 @@ RunResult run_attack(Server& server, const Router& router, const AttackPlan& att
                 result.server_died = true;
                 return;
             }
-            const Memory now = server.memory();
+            const simtest::Memory now = server.memory();
             if (now.resident_kib > options.memory_cap_kib) {
                 result.peak_kib = now.peak_kib;
                 result.killed_for_memory = true;
@@ -198,7 +198,7 @@ RunResult run_attack(Server& server, const Router& router, const AttackPlan& att
     result.observer_dropped = observer.disconnected();
     result.reader_dropped = options.with_reader && reader.disconnected();
     if (!result.killed_for_memory && server.running()) {
-        const Memory end = server.memory();
+        const simtest::Memory end = server.memory();
         result.peak_kib = end.peak_kib;
         result.final_kib = end.resident_kib;
     }

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "clients.h"
-#include "server_process.h"
+#include "support/routerd.h"
 
 namespace attack {
 
@@ -68,7 +68,7 @@ struct RunResult {
     Latency latency;
     bool observer_dropped = false;
     bool reader_dropped = false;
-    Memory start;                 // before the attack
+    simtest::Memory start;        // before the attack
     long peak_kib = -1;           // VmHWM at the end of the attack
     long final_kib = -1;          // VmRSS after the settle time
     std::size_t log_bytes = 0;    // written during the run
@@ -80,6 +80,6 @@ struct RunResult {
     double seconds = 0;           // how long the whole run took
 };
 
-RunResult run_attack(Server& server, const Router& router, const AttackPlan& plan, const RunOptions& options);
+RunResult run_attack(simtest::Routerd& server, const Router& router, const AttackPlan& plan, const RunOptions& options);
 
 }  // namespace attack

@@ -1,10 +1,12 @@
-"""Starting leitch-routerd with its web view on free ports, and talking to it
-as a Leitch client, an HTTP client and a WebSocket client would."""
+"""Starting leitch-routerd on free ports for the Python tests and benchmarks,
+and talking to it as a Leitch client, an HTTP client and a WebSocket client
+would. The simulator is $LEITCH_ROUTERD (ctest sets it to the one built)."""
 
 import base64
 import http.client
 import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -18,30 +20,42 @@ CONFIGS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "sim", 
 
 
 class Routerd:
-    """leitch-routerd on free ports; stopped when closed."""
+    """leitch-routerd as a child process, started with "--listen LISTEN" and
+    "--http HTTP" (each left out when None; a later one in `args` wins), then
+    `args`. It has started once it has printed `announced` lines (by default
+    the listener and, when served, the web view); killed when closed."""
 
-    def __init__(self, *args, http="127.0.0.1:0", listen="127.0.0.1:0"):
-        self.directory = tempfile.mkdtemp(prefix="routerd-web-")
+    def __init__(self, *args, http="127.0.0.1:0", listen="127.0.0.1:0", announced=None):
+        self.directory = tempfile.mkdtemp(prefix="routerd-test-")
         self.log_path = os.path.join(self.directory, "stderr")
-        command = [ROUTERD, "--listen", listen]
+        command = [ROUTERD]
+        if listen is not None:
+            command += ["--listen", listen]
         if http is not None:
             command += ["--http", http]
         command += list(args)
+        web_view = http is not None and http != "off"
+        if announced is None:
+            announced = 2 if web_view else 1
         with open(self.log_path, "wb") as log:
             self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=log)
-        first = self.process.stdout.readline().decode()
-        if not first.startswith("listening on 127.0.0.1:"):
-            self.close()
-            raise RuntimeError("leitch-routerd did not start: %r\n%s" % (first, self.log()))
-        self.port = int(first.rsplit(":", 1)[1])
-        self.web_port = None
-        if http is not None and http != "off":
-            second = self.process.stdout.readline().decode()
-            prefix = "web view on http://"
-            if not second.startswith(prefix):
+        self.announcements = []
+        for _ in range(announced):
+            line = self.process.stdout.readline().decode()
+            if not line:
                 self.close()
-                raise RuntimeError("no web view: %r\n%s" % (second, self.log()))
-            self.web_port = int(second.rstrip("/\n").rsplit(":", 1)[1])
+                raise RuntimeError("leitch-routerd did not start: %r\n%s" % (self.announcements, self.log()))
+            self.announcements.append(line.rstrip("\n"))
+        self.ports = [int(m.group(1)) for m in
+                      (re.match(r"listening on 127\.0\.0\.1:(\d+)", line) for line in self.announcements) if m]
+        self.port = self.ports[0] if self.ports else None
+        self.web_port = None
+        for line in self.announcements:
+            if line.startswith("web view on http://"):
+                self.web_port = int(line.rstrip("/").rsplit(":", 1)[1])
+        if web_view and self.web_port is None:
+            self.close()
+            raise RuntimeError("no web view: %r\n%s" % (self.announcements, self.log()))
 
     @property
     def url(self):
@@ -61,7 +75,7 @@ class Routerd:
             if text in self.log():
                 return True
             time.sleep(0.05)
-        return False
+        return text in self.log()
 
     def resident_kib(self):
         with open("/proc/%d/status" % self.process.pid) as f:
@@ -76,6 +90,7 @@ class Routerd:
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
     def stop(self):
+        """SIGTERM, then the whole log is written; the exit code."""
         if self.process.poll() is None:
             self.process.send_signal(signal.SIGTERM)
             try:
@@ -97,6 +112,13 @@ class Routerd:
 
     def __exit__(self, *exc):
         self.close()
+
+
+def run_routerd(*args, timeout=30):
+    """(exit code, standard output, standard error) of a simulator that is not
+    expected to start, run with "--http off" and then `args`."""
+    done = subprocess.run([ROUTERD, "--http", "off"] + list(args), capture_output=True, timeout=timeout)
+    return done.returncode, done.stdout.decode(), done.stderr.decode()
 
 
 class LeitchClient:

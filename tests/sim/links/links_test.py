@@ -11,13 +11,16 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 import tty
 import unittest
 import urllib.request
 
-ROUTERD = os.environ.get("LEITCH_ROUTERD", "")
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
+import routerd as harness  # noqa: E402
+from routerd import run_routerd  # noqa: E402
 
 PROMPT = b"\r\n>"
 INSTANCE_CREATED = "Creating Leitch Passthrough host instance"
@@ -155,44 +158,21 @@ def tcp(test, port):
 # ---------------------------------------------------------------------------
 # Processes
 
-class Routerd:
+class Routerd(harness.Routerd):
     """leitch-routerd with a configuration of the test's own, verbose, without
     the web view; killed when the test ends."""
 
     def __init__(self, test, config=None, args=(), announced=1):
-        self.directory = tempfile.mkdtemp(prefix="routerd-links-")
-        test.addCleanup(shutil.rmtree, self.directory, True)
-        command = [ROUTERD, "--http", "off", "-v"]
+        options = ["-v"]
         if config is not None:
-            self.config_path = os.path.join(self.directory, "routerd.toml")
+            directory = tempfile.mkdtemp(prefix="routerd-links-")
+            test.addCleanup(shutil.rmtree, directory, True)
+            self.config_path = os.path.join(directory, "routerd.toml")
             with open(self.config_path, "w") as f:
                 f.write(config)
-            command += ["-c", self.config_path]
-        command += list(args)
-        self.log_path = os.path.join(self.directory, "stderr")
-        with open(self.log_path, "wb") as log:
-            self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=log)
+            options += ["-c", self.config_path]
+        super().__init__(*options, *args, http="off", listen=None, announced=announced)
         test.addCleanup(self.close)
-        self.announcements = []
-        for _ in range(announced):
-            line = self.process.stdout.readline().decode()
-            if not line:
-                raise AssertionError("leitch-routerd did not start:\n" + self.log())
-            self.announcements.append(line.rstrip("\n"))
-        self.ports = [int(m.group(1)) for m in
-                      (re.match(r"listening on 127\.0\.0\.1:(\d+)", line) for line in self.announcements) if m]
-
-    def log(self):
-        with open(self.log_path, "rb") as f:
-            return f.read().decode(errors="replace")
-
-    def log_contains(self, text, timeout=5.0):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            if text in self.log():
-                return True
-            time.sleep(0.05)
-        return text in self.log()
 
     def client_id(self, peer, timeout=5.0):
         """The number the log gives the client connected from `peer`."""
@@ -212,30 +192,6 @@ class Routerd:
         # Each line starts with the date and the time.
         texts = [line.split(" ", 2)[-1] for line in self.log().splitlines()]
         return [text[len(prefix):] for text in texts if text.startswith(prefix)]
-
-    def stop(self):
-        """SIGTERM, then the whole log is written."""
-        if self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
-            try:
-                self.process.wait(10)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
-        return self.process.returncode
-
-    def close(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
-        self.process.stdout.close()
-
-
-def run_routerd(*args):
-    """(exit code, standard output, standard error) of a simulator that is not
-    expected to start."""
-    done = subprocess.run([ROUTERD, "--http", "off"] + list(args), capture_output=True, timeout=30)
-    return done.returncode, done.stdout.decode(), done.stderr.decode()
 
 
 class PtyPair:

@@ -15,7 +15,7 @@
 #include <random>
 #include <sstream>
 
-#include "routerd_process.h"
+#include "support/routerd.h"
 
 namespace simtest {
 namespace {

@@ -9,8 +9,8 @@ import tempfile
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from routerd import LeitchClient, Routerd, WebSocket, config, request  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
+from routerd import LeitchClient, Routerd, WebSocket, config, request, run_routerd  # noqa: E402
 
 
 class Api(unittest.TestCase):
@@ -314,13 +314,11 @@ class Listening(unittest.TestCase):
         blocker = socket.socket()
         blocker.bind(("127.0.0.1", 0))
         blocker.listen()
-        import subprocess
-        from routerd import ROUTERD
-        result = subprocess.run([ROUTERD, "--listen", "127.0.0.1:0", "--http", "127.0.0.1:%d" % blocker.getsockname()[1]],
-                                capture_output=True, timeout=10)
-        self.assertEqual(result.returncode, 2)
-        self.assertIn(b"cannot serve the web view on 127.0.0.1:%d" % blocker.getsockname()[1], result.stderr)
-        self.assertEqual(result.stdout, b"")
+        code, output, errors = run_routerd("--listen", "127.0.0.1:0", "--http", "127.0.0.1:%d" % blocker.getsockname()[1],
+                                           timeout=10)
+        self.assertEqual(code, 2)
+        self.assertIn("cannot serve the web view on 127.0.0.1:%d" % blocker.getsockname()[1], errors)
+        self.assertEqual(output, "")
         blocker.close()
 
     def test_any_address_other_than_loopback_is_warned_about(self):

@@ -8,8 +8,8 @@ import tempfile
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from routerd import LeitchClient, Routerd  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
+from routerd import LeitchClient, Routerd, config  # noqa: E402
 
 try:
     from selenium import webdriver
@@ -134,8 +134,7 @@ class Page(unittest.TestCase):
 
     def test_large_level_is_drawn_and_jumps_to_a_destination(self):
         self.routerd.close()
-        self.routerd = Routerd("--config", os.path.join(os.path.dirname(__file__), "..", "sim", "configs",
-                                                        "one_large_level.toml"))
+        self.routerd = Routerd("--config", config("one_large_level.toml"))
         self.open_page()
         client = LeitchClient(self.routerd.port)
         client.send("@ X:0/400,3FF\r")

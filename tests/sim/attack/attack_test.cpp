@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "attack/attacks.h"
-#include "routerd_process.h"
+#include "attacks.h"
+#include "support/routerd.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define LEITCH_UNDER_ASAN 1
@@ -36,7 +36,7 @@ using attack::AttackKind;
 using attack::Clock;
 using attack::Router;
 using attack::RunResult;
-using attack::Server;
+using simtest::Routerd;
 
 // Resident memory means nothing under AddressSanitizer (shadow memory,
 // quarantined frees): the memory bounds are checked in the normal build only.
@@ -84,7 +84,14 @@ constexpr Bounds kLarge{kLargeLatencyBoundMs, 256 * 1024, 32 * 1024, 64 * 1024};
 // LEITCH_ATTACK_ROUTERD (to run the suite against a saved binary).
 std::string routerd_path() {
     const char* other = std::getenv("LEITCH_ATTACK_ROUTERD");
-    return other && *other ? other : LEITCH_ROUTERD_PATH;
+    return other && *other ? other : simtest::built_routerd();
+}
+
+// That simulator run to its end with exactly `args`.
+simtest::ExitResult run_to_end(const std::vector<std::string>& args, std::chrono::milliseconds timeout,
+                               long open_file_limit = 0) {
+    return simtest::run_routerd(
+        simtest::RouterdOptions{args, routerd_path(), simtest::LogReader::reads, open_file_limit}, timeout);
 }
 
 std::string server_keys(const std::string& extra = "") { return "max_clients = 24\n" + extra; }
@@ -92,14 +99,14 @@ std::string server_keys(const std::string& extra = "") { return "max_clients = 2
 // A simulator with a configuration file of its own.
 struct Simulator {
     Simulator(const Router& router, const std::string& keys = server_keys(),
-              attack::LogReader log_reader = attack::LogReader::reads)
+              simtest::LogReader log_reader = simtest::LogReader::reads)
         : config("routerd.toml", attack::router_config(router, keys)),
-          server(attack::ServerOptions{routerd_path(), {"--config", config.path()}, log_reader, 0}) {}
+          server(simtest::RouterdOptions{{"--config", config.path()}, routerd_path(), log_reader, 0}) {}
     simtest::TempFile config;
-    Server server;
+    Routerd server;
 };
 
-RunResult attack_for(Server& server, const Router& router, AttackKind kind,
+RunResult attack_for(Routerd& server, const Router& router, AttackKind kind,
                      std::chrono::milliseconds duration = 2s) {
     attack::RunOptions options;
     options.attack_time = duration;
@@ -120,7 +127,7 @@ void expect_reading_clients_served(const RunResult& result, double p99_bound_ms)
         << "p50 " << result.latency.p50_ms << " ms, max " << result.latency.max_ms << " ms";
 }
 
-void expect_memory_bounded_and_returned(Server& server, const RunResult& result, const Bounds& bounds) {
+void expect_memory_bounded_and_returned(Routerd& server, const RunResult& result, const Bounds& bounds) {
     if (!kMemoryIsMeaningful) return;
     EXPECT_LT(result.peak_kib, bounds.peak_kib) << "peak resident memory, KiB";
     // Freed memory goes back to the system: wait for it a little.
@@ -135,7 +142,7 @@ void expect_memory_bounded_and_returned(Server& server, const RunResult& result,
                            << result.start.resident_kib << " KiB";
 }
 
-void expect_withstood(Server& server, const RunResult& result, const Bounds& bounds) {
+void expect_withstood(Routerd& server, const RunResult& result, const Bounds& bounds) {
     expect_reading_clients_served(result, bounds.p99_ms);
     expect_memory_bounded_and_returned(server, result, bounds);
     EXPECT_LT(result.log_bytes, bounds.log_bytes) << server.log().substr(0, 4096);
@@ -267,7 +274,7 @@ TEST(RouterdUnderAttack, AReadingClientIsNeverDisconnectedByItsOwnLargeAnswers) 
 // ------------------------------------------------------- standard error
 
 TEST(RouterdStandardError, AClosedReaderNeitherKillsNorStopsTheSimulator) {
-    Simulator simulator(attack::builtin_router(), server_keys(), attack::LogReader::closes);
+    Simulator simulator(attack::builtin_router(), server_keys(), simtest::LogReader::closes);
     // Every connection writes log lines into the closed pipe.
     for (int i = 0; i < 20; ++i) simtest::Client(simulator.server.port()).send("@ ?\r");
     expect_served(simulator.server.port());
@@ -275,7 +282,7 @@ TEST(RouterdStandardError, AClosedReaderNeitherKillsNorStopsTheSimulator) {
 }
 
 TEST(RouterdStandardError, AStalledReaderNeverBlocksTheClients) {
-    Simulator simulator(attack::builtin_router(), server_keys(), attack::LogReader::stalls);
+    Simulator simulator(attack::builtin_router(), server_keys(), simtest::LogReader::stalls);
     // About 2,000 log lines: many times what the pipe holds.
     for (int i = 0; i < 1000; ++i) {
         const int fd = attack::connect_to(simulator.server.port(), 0, 2s);
@@ -312,7 +319,7 @@ TEST(RouterdSignalsIgnored, Sigusr2IsLoggedAndIgnored) { expect_signal_ignored(S
 
 TEST(RouterdOpenFileLimit, AcceptFailingForWantOfFilesIsLoggedOnceAndDoesNotSpin) {
     Simulator simulator(attack::builtin_router());
-    Server& server = simulator.server;
+    Routerd& server = simulator.server;
     attack::Reader reader(server.port());
     ASSERT_TRUE(reader.start());
     rlimit old{};
@@ -340,7 +347,7 @@ TEST(RouterdOpenFileLimit, AcceptFailingForWantOfFilesIsLoggedOnceAndDoesNotSpin
 // ----------------------------------------------------- --config paths
 
 void expect_not_a_regular_file(const std::string& path) {
-    const attack::ExitResult result = attack::run_to_end(routerd_path(), {"--config", path, "--listen", "127.0.0.1:0"}, 5s);
+    const simtest::ExitResult result = run_to_end({"--config", path, "--listen", "127.0.0.1:0"}, 5s);
     EXPECT_FALSE(result.timed_out) << "leitch-routerd hung on --config " << path;
     EXPECT_EQ(result.code, 2);
     EXPECT_NE(result.errors.find("leitch-routerd: configuration error: " + path + ": not a regular file"),
@@ -366,7 +373,7 @@ TEST(RouterdConfigPath, AFifoIsRefusedWithoutHanging) {
 }
 
 TEST(RouterdConfigPath, AnEmptyPathIsRefused) {
-    const attack::ExitResult result = attack::run_to_end(routerd_path(), {"--config", "", "--listen", "127.0.0.1:0"}, 5s);
+    const simtest::ExitResult result = run_to_end({"--config", "", "--listen", "127.0.0.1:0"}, 5s);
     EXPECT_EQ(result.code, 2);
     EXPECT_NE(result.errors.find("configuration error"), std::string::npos) << result.errors;
     EXPECT_NE(result.errors.find("empty"), std::string::npos) << result.errors;
@@ -380,15 +387,15 @@ TEST(RouterdStartupLimits, ALevelTooLargeForTheLineLimitIsRefused) {
                                    "number = 0\n"
                                    "sources = 16\n"
                                    "destinations = 65536\n");
-    const attack::ExitResult result = attack::run_to_end(routerd_path(), {"--config", config.path(), "--listen", "127.0.0.1:0"}, 10s);
+    const simtest::ExitResult result = run_to_end({"--config", config.path(), "--listen", "127.0.0.1:0"}, 10s);
     EXPECT_EQ(result.code, 2);
     EXPECT_NE(result.errors.find("key 'level[0].destinations': at most"), std::string::npos) << result.errors;
 }
 
 TEST(RouterdStartupLimits, MaxClientsAboveTheOpenFileLimitIsRefused) {
     const simtest::TempFile config("routerd.toml", "[server]\nmax_clients = 200\n");
-    const attack::ExitResult result =
-        attack::run_to_end(routerd_path(), {"--config", config.path(), "--listen", "127.0.0.1:0"}, 10s, 64);
+    const simtest::ExitResult result =
+        run_to_end({"--config", config.path(), "--listen", "127.0.0.1:0"}, 10s, 64);
     EXPECT_EQ(result.code, 2);
     EXPECT_NE(result.errors.find("key 'server.max_clients': at most"), std::string::npos) << result.errors;
 }
