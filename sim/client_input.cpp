@@ -19,6 +19,15 @@ bool is_line_end(char c) { return c == '\r' || c == '\n'; }
 // ends on any other character is cut like the whole input would be.
 bool is_white(char c) { return c == '\t' || is_line_end(c); }
 
+// Report mode as far as the simulator can tell: from the lines that are
+// exactly "@ ?" or "@ !" (the converter itself may see it otherwise, for
+// instance in a line of several commands).
+void note_mode(const char* line, std::size_t length, LineNotes& notes) {
+    if (length != 3 || line[0] != '@' || line[1] != ' ') return;
+    if (line[2] == '?') notes.report_mode = true;
+    if (line[2] == '!') notes.report_mode = false;
+}
+
 }  // namespace
 
 bool ClientInput::hold(std::size_t begin, std::size_t end, LineNotes& notes) {
@@ -76,27 +85,33 @@ void ClientInput::log_received(const char* data, std::size_t length) {
     }
 }
 
-// Report mode as far as the simulator can tell: from the lines that are
-// exactly "@ ?" or "@ !" (the converter itself may see it otherwise, for
-// instance in a line of several commands).
+// This sees every byte a client sends: whole runs are handled at once, and of
+// the lines that end in one read only the last is copied.
 void ClientInput::note_lines(const char* data, std::size_t length, LineNotes& notes) {
     const char* const end = data + length;
+    const char* last = nullptr;  // the last line that both began and ended in this read
+    std::size_t last_length = 0;
     while (data != end) {
-        // Whole runs at once: this sees every byte a client sends.
         const char* const line_end = std::find_if(data, end, is_line_end);
-        const std::size_t room = kNotedLineBytes - std::min(kNotedLineBytes, current_line_.size());
-        current_line_.append(data, std::min(room, static_cast<std::size_t>(line_end - data)));
-        if (line_end == end) return;
-        data = line_end + 1;
-        if (current_line_.empty()) continue;
-        ++notes.lines_received;
-        if (current_line_.size() == 3 && current_line_[0] == '@' && current_line_[1] == ' ') {
-            if (current_line_[2] == '?') notes.report_mode = true;
-            if (current_line_[2] == '!') notes.report_mode = false;
+        const std::size_t run = static_cast<std::size_t>(line_end - data);
+        if (line_end == end || !current_line_.empty()) {
+            const std::size_t room = kNotedLineBytes - std::min(kNotedLineBytes, current_line_.size());
+            current_line_.append(data, std::min(room, run));
+            if (line_end == end) break;
+            ++notes.lines_received;
+            note_mode(current_line_.data(), current_line_.size(), notes);
+            notes.last_line.swap(current_line_);
+            current_line_.clear();
+            last = nullptr;
+        } else if (run > 0) {
+            ++notes.lines_received;
+            note_mode(data, run, notes);
+            last = data;
+            last_length = std::min(run, kNotedLineBytes);
         }
-        notes.last_line.swap(current_line_);
-        current_line_.clear();
+        data = line_end + 1;
     }
+    if (last) notes.last_line.assign(last, last_length);
 }
 
 }  // namespace routerd

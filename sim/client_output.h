@@ -33,6 +33,8 @@ struct OutputOverflow : std::bad_alloc {
 class ClientOutput {
 public:
     using Clock = std::chrono::steady_clock;
+    // Output that grew beyond this during a burst leaves freed memory to give back.
+    static constexpr std::size_t kBurstBytes = 64 * 1024;
 
     enum class Written {
         all_taken,
@@ -43,7 +45,10 @@ public:
 
     ClientOutput(const Limits& limits, std::size_t report_room) : limits_(limits), report_room_(report_room) {}
 
-    void append(std::string_view bytes);
+    void append(std::string_view bytes) {
+        if (waiting() == 0) progress_at_ = Clock::now();
+        queue_.append(bytes);
+    }
     std::size_t waiting() const { return queue_.size(); }
     // Bytes given to the link and not all taken yet: a wait for writability is under way.
     bool writing() const { return queue_.handed() > 0; }
@@ -58,7 +63,11 @@ public:
     void answers_done() { own_answers_ = std::max(own_answers_, waiting()); }
     // After everything was taken: whether a burst since the last time left
     // freed memory to give back.
-    bool end_burst();
+    bool end_burst() {
+        const bool burst = most_waiting_ > kBurstBytes;
+        most_waiting_ = 0;
+        return burst;
+    }
     // Why the client must go by `now` for not reading its output, or nothing.
     std::optional<std::string> overdue(Clock::time_point now) const;
     void clear() { queue_.clear(); }
@@ -73,5 +82,33 @@ private:
     Clock::time_point above_since_;  // when waiting output went above the high-water mark
     bool above_mark_ = false;
 };
+
+// Inline: every write of every client passes here. Measured after the link
+// has taken what it could.
+inline ClientOutput::Written ClientOutput::write(Transport& transport, boost::system::error_code& ec) {
+    queue_.hand_over();
+    most_waiting_ = std::max(most_waiting_, waiting());
+    const std::size_t taken = transport.write_now(queue_.front_buffers(), ec);
+    if (ec) return Written::failed;
+    const Clock::time_point now = Clock::now();
+    if (taken > 0) {
+        queue_.consume(taken);
+        progress_at_ = now;
+    }
+    if (waiting() == 0) {
+        above_mark_ = false;
+        own_answers_ = 0;
+        return Written::all_taken;
+    }
+    const bool above = above_mark();
+    if (above && !above_mark_) above_since_ = now;
+    above_mark_ = above;
+    if (!above) {
+        own_answers_ = 0;
+    } else if (behind_the_router()) {
+        return Written::behind_the_router;
+    }
+    return Written::waiting;
+}
 
 }  // namespace routerd

@@ -27,25 +27,9 @@ void Converter::destroy() {
     recording_.reset();
 }
 
-void Converter::crosspoint(int level, int source, int destination) {
-    if (recording_) recording_->crosspoint(level, source, destination);
-    instance_->Crosspoint(level, source, destination);
-}
-
-void Converter::lock(int level, int destination, int state) {
-    if (recording_) recording_->lock(level, destination, state);
-    instance_->CrosspointLock(level, destination, state);
-}
-
-void Converter::log_sent() {
-    if (activity_sent_.empty()) return;
+void Converter::log_activity() {
     context_.log.activity(client_name(client_) + " >> \"" + escape(activity_sent_) + "\"");
     activity_sent_.clear();
-}
-
-void Converter::receive(const std::string& input) {
-    if (recording_) recording_->received(input);
-    instance_->ReceiveData(input, nullptr);
 }
 
 }  // namespace routerd

@@ -30,10 +30,20 @@ public:
     bool created() const { return instance_ != nullptr; }
     void destroy();
 
-    void crosspoint(int level, int source, int destination);
-    void lock(int level, int destination, int state);
+    // Inline: every take passes here, once per client.
+    void crosspoint(int level, int source, int destination) {
+        if (recording_) recording_->crosspoint(level, source, destination);
+        instance_->Crosspoint(level, source, destination);
+    }
+    void lock(int level, int destination, int state) {
+        if (recording_) recording_->lock(level, destination, state);
+        instance_->CrosspointLock(level, destination, state);
+    }
     // May throw what the link's SendData throws.
-    void receive(const std::string& input);
+    void receive(const std::string& input) {
+        if (recording_) recording_->received(input);
+        instance_->ReceiveData(input, nullptr);
+    }
 
     // What the instance sent through its link, for the transcript and the verbose log.
     void sent(std::string_view data) {
@@ -41,7 +51,9 @@ public:
         if (context_.log.verbose()) activity_sent_ += data;
     }
     // The verbose log's line of what was sent since the last one.
-    void log_sent();
+    void log_sent() {
+        if (!activity_sent_.empty()) log_activity();
+    }
     // The event is over: its transcript lines are written.
     void end_event() {
         if (recording_) recording_->end_event();
@@ -52,6 +64,8 @@ public:
     }
 
 private:
+    void log_activity();
+
     const int client_;
     const SessionContext& context_;
     ClientDriver driver_;

@@ -181,7 +181,7 @@ void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
     const Front::Read read = front_.read(input_.buffer(), length, *this);
     switch (read.outcome) {
         case Front::Outcome::broken:
-            return drop(read.problem);
+            return drop(front_.problem());
         case Front::Outcome::logging_in:
             flush();
             if (state_ == State::logging_in) do_read();

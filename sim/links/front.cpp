@@ -29,29 +29,24 @@ void Front::start(FrontUser& user) {
     if (login_) user.reply(Login::kUserPrompt);
 }
 
-Front::Read Front::read(char* bytes, std::size_t length, FrontUser& user) {
-    Read read;
-    heard_ = true;
-    if (telnet_ && !decode_telnet(bytes, length, user, read)) return read;
+Front::Read Front::read_guarded(char* bytes, std::size_t length, FrontUser& user) {
+    if (telnet_ && !decode_telnet(bytes, length, user)) return {Outcome::broken, 0, 0};
     if (login_ && length > 0) return read_login(bytes, length, user);
-    read.outcome = login_ ? Outcome::logging_in : Outcome::data;
-    read.end = length;
-    return read;
+    return {login_ ? Outcome::logging_in : Outcome::data, 0, length};
 }
 
 // Leaves the converter's bytes at the front of `bytes` and answers the
 // client's negotiation.
-bool Front::decode_telnet(char* bytes, std::size_t& length, FrontUser& user, Read& read) {
+bool Front::decode_telnet(char* bytes, std::size_t& length, FrontUser& user) {
     decoded_.clear();
     to_client_.clear();
-    read.outcome = Outcome::broken;
     if (!telnet_->decode(bytes, length, decoded_, to_client_)) {
-        read.problem = "telnet protocol error: " + telnet_->error();
+        problem_ = "telnet protocol error: " + telnet_->error();
         return false;
     }
     // Decoding only ever removes bytes; the buffer could not hold more.
     if (decoded_.size() > length) {
-        read.problem = "telnet protocol error: more data decoded than received";
+        problem_ = "telnet protocol error: more data decoded than received";
         return false;
     }
     if (!to_client_.empty()) user.reply(to_client_);
@@ -99,8 +94,7 @@ void Front::refuse(FrontUser& user) {
 
 bool Front::delayed() const { return delay_.expiry() > Clock::now(); }
 
-std::string_view Front::encode(const std::string& data) {
-    if (!telnet_) return data;
+std::string_view Front::encode_telnet(const std::string& data) {
     to_client_.clear();
     telnet_->encode(data, to_client_);
     return to_client_;

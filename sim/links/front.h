@@ -45,14 +45,13 @@ public:
         data,          // [begin, end) is for the converter; it may be empty
         logged_in,     // the login passed just now: [begin, end) is the converter's first input
         logging_in,    // the dialogue goes on: nothing for the converter
-        broken,        // the client broke the telnet protocol: `problem` says how
+        broken,        // the client broke the telnet protocol: problem() says how
     };
 
     struct Read {
         Outcome outcome = Outcome::data;
         std::size_t begin = 0;
         std::size_t end = 0;
-        std::string problem;
     };
 
     // `name` is how the client is called in the log.
@@ -64,10 +63,17 @@ public:
     bool logging_in() const { return login_.has_value(); }
 
     // Decodes one read in place: the converter's bytes are left inside
-    // `bytes` (see Read), and the answers go to `user` as they arise.
-    Read read(char* bytes, std::size_t length, FrontUser& user);
+    // `bytes` (see Read), and the answers go to `user` as they arise. Inline
+    // for a plain link, where every byte passes as it is.
+    Read read(char* bytes, std::size_t length, FrontUser& user) {
+        heard_ = true;
+        if (!telnet_ && !login_) return {Outcome::data, 0, length};
+        return read_guarded(bytes, length, user);
+    }
+    // How the client broke the protocol, after Outcome::broken.
+    const std::string& problem() const { return problem_; }
     // The converter's output as it goes on the wire.
-    std::string_view encode(const std::string& data);
+    std::string_view encode(const std::string& data) { return telnet_ ? encode_telnet(data) : data; }
 
     // Why the client must go by `now`, or nothing: no login within the time
     // allowed, or silence past the link's idle timeout. Called once a second:
@@ -77,7 +83,9 @@ public:
     void stop();
 
 private:
-    bool decode_telnet(char* bytes, std::size_t& length, FrontUser& user, Read& read);
+    std::string_view encode_telnet(const std::string& data);
+    Read read_guarded(char* bytes, std::size_t length, FrontUser& user);
+    bool decode_telnet(char* bytes, std::size_t& length, FrontUser& user);
     Read read_login(char* bytes, std::size_t length, FrontUser& user);
     void refuse(FrontUser& user);
     bool delayed() const;
@@ -94,6 +102,7 @@ private:
     boost::asio::steady_timer delay_;  // after a wrong login, until the next prompt
     std::string decoded_;     // telnet: the data of the last read
     std::string to_client_;   // telnet: bytes for the client
+    std::string problem_;
 };
 
 }  // namespace routerd

@@ -77,6 +77,29 @@ TEST_F(ClientInputTest, LinesAreCountedAndTheLastIsKeptCutAt256Bytes) {
     EXPECT_EQ(notes.last_line, std::string(256, 'z'));
 }
 
+TEST_F(ClientInputTest, ALineCutAcrossReadsIsNotedWhole) {
+    ASSERT_TRUE(hold("@ X:0"));
+    EXPECT_EQ(notes.lines_received, 0u);
+    ASSERT_TRUE(hold("/5,3\r"));
+    EXPECT_EQ(notes.lines_received, 1u);
+    EXPECT_EQ(notes.last_line, "@ X:0/5,3");
+}
+
+TEST_F(ClientInputTest, TheLastOfSeveralLinesInOneReadIsKept) {
+    ASSERT_TRUE(hold("@ X:0"));
+    ASSERT_TRUE(hold("/5,3\r@ X:0/6,3\r\n@ X:0/7,3\r@ X:0/8"));
+    EXPECT_EQ(notes.lines_received, 3u);
+    EXPECT_EQ(notes.last_line, "@ X:0/7,3");
+    ASSERT_TRUE(hold(",3\r"));
+    EXPECT_EQ(notes.last_line, "@ X:0/8,3");
+}
+
+TEST_F(ClientInputTest, EmptyLinesAreNotCounted) {
+    ASSERT_TRUE(hold("@ ?\r\n\r\n\n"));
+    EXPECT_EQ(notes.lines_received, 1u);
+    EXPECT_EQ(notes.last_line, "@ ?");
+}
+
 TEST_F(ClientInputTest, ReportModeFollowsLinesThatAreExactlyTheModeCommands) {
     ASSERT_TRUE(hold("@ ?\r"));
     EXPECT_TRUE(notes.report_mode);

@@ -37,7 +37,7 @@ protected:
     // What the converter gets from one read.
     std::string read(Front& front, std::string bytes, Front::Outcome expected) {
         const Front::Read r = front.read(bytes.data(), bytes.size(), *panel);
-        EXPECT_EQ(r.outcome, expected) << r.problem;
+        EXPECT_EQ(r.outcome, expected) << front.problem();
         return bytes.substr(r.begin, r.end - r.begin);
     }
 
@@ -79,7 +79,7 @@ TEST_F(FrontTest, ATelnetProtocolErrorBreaksTheLink) {
     std::string endless = std::string{IAC, '\xfa', 24} + std::string(64 * 1024, 'x');
     const Front::Read r = front.read(endless.data(), endless.size(), *panel);
     EXPECT_EQ(r.outcome, Front::Outcome::broken);
-    EXPECT_EQ(r.problem.rfind("telnet protocol error: ", 0), 0u) << r.problem;
+    EXPECT_EQ(front.problem().rfind("telnet protocol error: ", 0), 0u) << front.problem();
 }
 
 TEST_F(FrontTest, TheLoginPromptComesFirstAndTheConverterGetsWhatFollowsThePassword) {
