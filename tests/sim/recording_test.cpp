@@ -46,13 +46,6 @@ std::vector<std::string> recordings(const std::string& directory) {
     return files;
 }
 
-std::string text_of(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 class RecordingTest : public testing::Test {
 protected:
     RecordingTest() : directory_(fs::temp_directory_path() / ("routerd-recordings-" + std::to_string(getpid()))) {
@@ -94,7 +87,7 @@ TEST_F(RecordingTest, EveryClientLinkIsRecordedInTheTranscriptFormat) {
     ASSERT_EQ(files.size(), 2u);
     EXPECT_NE(files[0].find("-client1-127.0.0.1_"), std::string::npos) << files[0];
     EXPECT_NE(files[1].find("-client2-127.0.0.1_"), std::string::npos) << files[1];
-    const std::string first = text_of(files[0]);
+    const std::string first = read_text(files[0]);
     EXPECT_NE(first.find("config device_id \"1\"\nconfig level_control_video \"on,on\"\n"
                          "config level_mapping_video \"0,1\"\nlevels 0:32x32 1:32x32\ncrosspoint 0 0 0\n"),
               std::string::npos)
@@ -123,7 +116,7 @@ TEST_F(RecordingTest, ReplayAgainstAChangedPluginNamesTheFirstDifference) {
     const ProgramRun replay = run_program(LEITCH_REPLAY_PATH, {"--plugin", LEITCH_ALTERED_PLUGIN_PATH, file});
     EXPECT_EQ(replay.code, 1) << replay.output;
     // The first report of the file is the take's, told after the frame.
-    std::istringstream lines(text_of(file));
+    std::istringstream lines(read_text(file));
     std::string line;
     int number = 0, crosspoint_line = 0;
     while (std::getline(lines, line)) {

@@ -36,13 +36,6 @@ std::string make_temp_dir() {
     return pattern;
 }
 
-std::string read_text(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 struct Started {
     pid_t pid = -1;
     int out_fd = -1;
@@ -86,6 +79,13 @@ std::size_t occurrences(const std::string& text, const std::string& what) {
     std::size_t count = 0;
     for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++count;
     return count;
+}
+
+std::string read_text(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
 std::string test_config(const std::string& name) { return read_text(LEITCH_TEST_CONFIG_DIR "/" + name); }

@@ -38,6 +38,8 @@ std::size_t occurrences(const std::string& text, const std::string& what);
 
 // The text of tests/sim/configs/<name>.
 std::string test_config(const std::string& name);
+// The whole of a file; empty when it cannot be read.
+std::string read_text(const std::string& path);
 
 // This build's leitch-routerd (empty when the build has no simulator).
 std::string built_routerd();
