@@ -17,9 +17,14 @@ const telnet_telopt_t kOptions[] = {
 };
 
 // Debian's libtelnet 0.21 reports the overflow with error code 0, so its
-// message is what tells it apart.
+// message is what tells it apart. The code is copied out as the int it is
+// stored as: the value libtelnet leaves there need not be one of
+// telnet_error_t's, and reading it as that type would be undefined.
 bool is_overflow(const telnet_event_t::error_t& error) {
-    return error.errcode == TELNET_EOVERFLOW || std::strstr(error.msg, "size limit") != nullptr;
+    int code = 0;
+    static_assert(sizeof code == sizeof error.errcode);
+    std::memcpy(&code, &error.errcode, sizeof code);
+    return code == TELNET_EOVERFLOW || std::strstr(error.msg, "size limit") != nullptr;
 }
 
 }  // namespace
