@@ -2,9 +2,49 @@
 
 #include <sqlite3.h>
 
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <set>
+
 namespace routerd {
 
 namespace {
+
+// Our files say so in their header (SQLite's application_id, "LRDS"), with
+// the version of their tables in user_version.
+constexpr std::uint32_t kApplicationId = 0x4C524453;
+constexpr std::uint32_t kSchemaVersion = 1;
+const std::set<std::string> kTables = {"crosspoints", "levels", "locks", "salvos"};
+
+// What a file's database header says, read from the file itself: looking
+// through SQLite could already write (a journal rolled back, a mode set).
+struct Header {
+    bool database = false;  // SQLite's header is there
+    std::uint32_t application_id = 0;
+    std::uint32_t user_version = 0;
+};
+
+std::uint32_t big_endian(const unsigned char* bytes) {
+    return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 | bytes[3];
+}
+
+Header read_header(const std::string& path) {
+    Header header;
+    unsigned char bytes[100];
+    std::ifstream in(path, std::ios::binary);
+    if (!in.read(reinterpret_cast<char*>(bytes), sizeof bytes)) return header;
+    header.database = std::string(reinterpret_cast<const char*>(bytes), 16) == std::string("SQLite format 3", 16);
+    header.user_version = big_endian(bytes + 60);
+    header.application_id = big_endian(bytes + 68);
+    return header;
+}
+
+std::string hex(std::uint32_t number) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(number));
+    return text;
+}
 
 // A statement, finalized however the scope ends.
 class Statement {
@@ -124,28 +164,39 @@ StateStore::StateStore(const std::string& path, const std::vector<LevelSpec>& le
     if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                         nullptr) != SQLITE_OK)
         fail("cannot open the state file");
+    // Another process holds the file's lock.
+    const auto fail_if_in_use = [&](int code) {
+        if (code == SQLITE_BUSY || code == SQLITE_LOCKED) fail("the state file is in use by another process");
+    };
     const auto run = [&](const char* sql, const char* what) {
         if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK) return;
-        const int code = sqlite3_errcode(db_);
-        if (code == SQLITE_BUSY || code == SQLITE_LOCKED) fail("the state file is in use by another process");
+        fail_if_in_use(sqlite3_errcode(db_));
         fail(what);
     };
+    const Header header = read_header(path);
+    if (header.database && header.application_id != kApplicationId && header.application_id != 0)
+        fail_foreign("its application_id is " + hex(header.application_id));
+    if (header.application_id == kApplicationId && header.user_version != kSchemaVersion)
+        fail_foreign("it was written by another version of leitch-routerd (user_version " +
+                     std::to_string(header.user_version) + ")");
     // One process at a time: the lock is taken by the first write and kept
-    // until the file is closed. Every commit is on the disk before the
-    // clients hear of its changes.
+    // until the file is closed.
     run("PRAGMA locking_mode = EXCLUSIVE", "cannot use the state file");
-    run("PRAGMA journal_mode = WAL", "cannot use the state file");
-    run("PRAGMA synchronous = FULL", "cannot use the state file");
     {
         Statement check(db_, "PRAGMA quick_check");
-        if (!check.ok()) fail("cannot read the state file");
+        if (!check.ok()) {
+            fail_if_in_use(sqlite3_errcode(db_));
+            fail("cannot read the state file");
+        }
         const int step = sqlite3_step(check.get());
-        if (step == SQLITE_BUSY || step == SQLITE_LOCKED) fail("the state file is in use by another process");
+        fail_if_in_use(step);
         if (step != SQLITE_ROW ||
             std::string(reinterpret_cast<const char*>(sqlite3_column_text(check.get(), 0))) != "ok")
             fail("the state file is damaged (quick_check)");
     }
-    // Nothing is written before the levels are known to match.
+    // Nothing is written before the file is known to be ours, its levels to
+    // match and its contents to fit them.
+    if (header.application_id == 0) check_tables();
     const std::string stored = describe_levels();
     const std::string configured = levels_text(levels);
     if (!fresh && stored != "none" && stored != configured) {
@@ -156,9 +207,15 @@ StateStore::StateStore(const std::string& path, const std::vector<LevelSpec>& le
         db_ = nullptr;
         throw StateError(message);
     }
+    if (!fresh && stored != "none") check_contents();
+    // Every commit is on the disk before the clients hear of its changes.
+    run("PRAGMA journal_mode = WAL", "cannot use the state file");
+    run("PRAGMA synchronous = FULL", "cannot use the state file");
     run("BEGIN IMMEDIATE", "cannot write the state file");
     run(kSchema, "cannot write the state file");
-    run("PRAGMA user_version = 1", "cannot write the state file");
+    const std::string mark = "PRAGMA application_id = " + std::to_string(kApplicationId) +
+                             "; PRAGMA user_version = " + std::to_string(kSchemaVersion);
+    run(mark.c_str(), "cannot write the state file");
     run("COMMIT", "cannot write the state file");
 
     if (fresh || stored == "none") {
@@ -171,6 +228,52 @@ StateStore::StateStore(const std::string& path, const std::vector<LevelSpec>& le
         }
         run("COMMIT", "cannot write the state file");
     }
+}
+
+void StateStore::fail_foreign(const std::string& why) {
+    sqlite3_close_v2(db_);
+    db_ = nullptr;
+    throw StateError(path_ + ": not a leitch-routerd state file: " + why +
+                     "; give leitch-routerd a file of its own (a new name is created)");
+}
+
+// A file without our mark is one of ours from before it, or new (no tables),
+// when every table in it is one of ours.
+void StateStore::check_tables() {
+    std::string others;
+    Statement select(db_, "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name");
+    while (select.ok() && sqlite3_step(select.get()) == SQLITE_ROW) {
+        const std::string name = reinterpret_cast<const char*>(sqlite3_column_text(select.get(), 0));
+        if (kTables.count(name) == 0) others += (others.empty() ? "" : ", ") + name;
+    }
+    if (!others.empty()) fail_foreign("it holds tables of another program (" + others + ")");
+}
+
+// What was written by hand, or by something else, is refused rather than
+// served: a crosspoint or lock outside the router, or a lock state no client
+// can set (0 free, 1 and 2 locked).
+void StateStore::check_contents() {
+    const auto refuse_first = [this](const char* sql, const char* what) {
+        Statement select(db_, sql);
+        if (!select.ok() || sqlite3_step(select.get()) != SQLITE_ROW) return;
+        const std::string row = "level " + std::to_string(sqlite3_column_int64(select.get(), 0)) + " destination " +
+                                std::to_string(sqlite3_column_int64(select.get(), 1)) + " " + what + " " +
+                                std::to_string(sqlite3_column_int64(select.get(), 2));
+        sqlite3_close_v2(db_);
+        db_ = nullptr;
+        throw StateError(path_ + ": the file holds " + row +
+                         ", which this router cannot have (--fresh-state starts afresh from the configuration)");
+    };
+    refuse_first(
+        "SELECT c.level, c.destination, c.source FROM crosspoints c LEFT JOIN levels l ON l.number = c.level"
+        " WHERE l.number IS NULL OR typeof(c.source) != 'integer' OR typeof(c.destination) != 'integer'"
+        " OR c.destination < 0 OR c.destination >= l.destinations OR c.source < 0 OR c.source >= l.sources LIMIT 1",
+        "source");
+    refuse_first(
+        "SELECT k.level, k.destination, k.state FROM locks k LEFT JOIN levels l ON l.number = k.level"
+        " WHERE l.number IS NULL OR typeof(k.state) != 'integer' OR typeof(k.destination) != 'integer'"
+        " OR k.destination < 0 OR k.destination >= l.destinations OR k.state < 0 OR k.state > 2 LIMIT 1",
+        "lock state");
 }
 
 StateStore::~StateStore() {

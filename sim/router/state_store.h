@@ -71,6 +71,9 @@ private:
     using Key = std::tuple<int, int, int>;  // kind, level, destination
 
     void execute(const char* sql) const;
+    [[noreturn]] void fail_foreign(const std::string& why);
+    void check_tables();
+    void check_contents();
     bool commit_unsaved();
     bool write_unsaved() const;
     void store_all(const Router& router);

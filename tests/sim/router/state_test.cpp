@@ -15,6 +15,8 @@
 #include <random>
 #include <sstream>
 
+#include <sqlite3.h>
+
 #include "support/routerd.h"
 
 namespace simtest {
@@ -163,6 +165,24 @@ TEST_F(StateTest, AFileThatIsNotADatabaseIsRefusedAndLeftAlone) {
     EXPECT_NE(result.errors.find("leitch-routerd: state error: " + file() + ": "), std::string::npos) << result.errors;
     EXPECT_NE(result.errors.find("not a database"), std::string::npos) << result.errors;
     EXPECT_EQ(bytes_of(file()), std::string(8192, 'x'));
+}
+
+TEST_F(StateTest, AnotherProgramsDatabaseIsRefusedWithExitTwoAndLeftAlone) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file().c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE contacts (name TEXT); INSERT INTO contacts VALUES ('engineer');", nullptr,
+                           nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+    const std::string before = bytes_of(file());
+    const ExitResult result = run_routerd({"--listen", "127.0.0.1:0", "--state", file()});
+    EXPECT_EQ(result.code, 2);
+    EXPECT_NE(result.errors.find("leitch-routerd: state error: " + file() +
+                                 ": not a leitch-routerd state file: it holds tables of another program (contacts)"),
+              std::string::npos)
+        << result.errors;
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(bytes_of(file()), before);
 }
 
 TEST_F(StateTest, ADamagedDatabaseIsRefusedAndLeftAlone) {
