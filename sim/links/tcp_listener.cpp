@@ -13,6 +13,12 @@ TcpListener::TcpListener(asio::io_context& io, ListenerConfig config, Accepted a
     boost::system::error_code ec;
     loop_.bind(endpoint, ec);
     if (ec) throw ListenError("cannot listen on " + config_.address + ": " + ec.message());
+    // As for the web view: a Leitch port switches the router for whoever reaches it.
+    if (!endpoint.address().is_loopback()) {
+        log.info("warning: the Leitch port on " + config_.address +
+                 " is reachable from other machines; anyone who reaches it can switch the router" +
+                 (config_.link.login == LoginMode::password ? std::string(" (after a login)") : std::string()));
+    }
 }
 
 }  // namespace routerd

@@ -86,6 +86,15 @@ void HttpSession::on_read(const boost::system::error_code& ec) {
         return close();
     }
     Request request = parser_->release();
+    // With two, one check could read one and the answer rely on the other.
+    for (const http::field field : {http::field::host, http::field::origin}) {
+        if (request.count(field) > 1)
+            return write(make_response(http::status::bad_request, request.version(), "application/json",
+                                       error_message("more than one " + std::string(http::to_string(field)) +
+                                                         " header",
+                                                     std::string(http::to_string(field)))),
+                         true);
+    }
     const std::string host(request[http::field::host]);
     if (!host_allowed(host, listener_.port()))
         return write(make_response(http::status::forbidden, request.version(), "application/json",

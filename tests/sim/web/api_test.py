@@ -1,5 +1,6 @@
 """The web view's HTTP API and WebSocket push, without a browser."""
 
+import json
 import os
 import shutil
 import socket
@@ -277,6 +278,31 @@ class Security(unittest.TestCase):
         self.assertTrue(sock.recv(100).startswith(b"HTTP/1.1 400"))
         sock.close()
 
+    def test_a_second_host_or_origin_header_is_refused(self):
+        port = self.routerd.web_port
+        before = request(self.routerd, "GET", "/api/levels/0")[1]["crosspoints"][1]
+        for name, first, second in [("Host", "127.0.0.1:%d" % port, "evil.example:%d" % port),
+                                    ("Origin", "http://127.0.0.1:%d" % port, "http://evil.example")]:
+            sock = socket.create_connection(("127.0.0.1", port), timeout=5)
+            head = "POST /api/levels/0/take HTTP/1.1\r\n"
+            if name == "Origin":
+                head += "Host: 127.0.0.1:%d\r\n" % port
+            head += "%s: %s\r\n%s: %s\r\n" % (name, first, name, second)
+            body = '{"destination":1,"source":2}'
+            sock.sendall((head + "Content-Length: %d\r\n\r\n%s" % (len(body), body)).encode())
+            answer = b""
+            while b"\r\n\r\n" not in answer or not answer.rstrip().endswith(b"}"):
+                chunk = sock.recv(4096)
+                if not chunk:
+                    break
+                answer += chunk
+            sock.close()
+            self.assertTrue(answer.startswith(b"HTTP/1.1 400"), answer)
+            self.assertEqual(json.loads(answer.split(b"\r\n\r\n", 1)[1]),
+                             {"error": "more than one %s header" % name, "field": name})
+        self.assertEqual(request(self.routerd, "GET", "/api/levels/0")[1]["crosspoints"][1], before)
+        self.assertNotEqual(before, 2)
+
     def test_readonly_refuses_changes(self):
         with Routerd("--http-readonly") as readonly:
             status, body = request(readonly, "POST", "/api/levels/0/take", {"destination": 1, "source": 1})
@@ -324,6 +350,14 @@ class Listening(unittest.TestCase):
     def test_any_address_other_than_loopback_is_warned_about(self):
         with Routerd(http="0.0.0.0:0", listen="127.0.0.1:0") as routerd:
             self.assertTrue(routerd.log_contains("warning: the web view on 0.0.0.0:0 is reachable from other machines"))
+            self.assertFalse(routerd.log_contains("warning: the Leitch port", timeout=0))
+
+    def test_a_leitch_port_other_than_loopback_is_warned_about(self):
+        with Routerd(http="off", listen="0.0.0.0:0") as routerd:
+            self.assertTrue(routerd.log_contains(
+                "warning: the Leitch port on 0.0.0.0:0 is reachable from other machines; "
+                "anyone who reaches it can switch the router\n"), routerd.log())
+            self.assertEqual(routerd.announcements[0].split(":")[0], "listening on 0.0.0.0")
 
 
 class Push(unittest.TestCase):
