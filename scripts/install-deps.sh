@@ -5,6 +5,8 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config        # compiler and build
+  build-essential                         # what dpkg-buildpackage checks for before building a package
+  git iproute2                            # scripts/package.sh lists the sources with git; the service test calls ss
   libboost-dev libboost-system-dev        # boost::shared_ptr of the contract; Boost.Asio
   libgtest-dev libgmock-dev               # tests
   libbenchmark-dev                        # benchmarks

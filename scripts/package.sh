@@ -27,8 +27,13 @@ scripts/install-deps.sh
 
 work=build/package-work${arch:+-$arch}
 rm -rf "$work" && mkdir -p "$work/src" "$out"
-# What git knows of (tracked, or new and not ignored), as it stands now.
-git ls-files -z --cached --others --exclude-standard | xargs -0 tar -cf - | tar -xf - -C "$work/src"
+# What git knows of (tracked, or new and not ignored), as it stands now; in a
+# tree unpacked from an archive, everything but the build tree.
+if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+  git ls-files -z --cached --others --exclude-standard | xargs -0 tar -cf - | tar -xf - -C "$work/src"
+else
+  tar --exclude=./build --exclude=./.git -cf - . | tar -xf - -C "$work/src"
+fi
 
 args=(-us -uc -b)
 if [ -n "$arch" ] && [ "$arch" != "$(dpkg --print-architecture)" ]; then
