@@ -4,7 +4,8 @@
 // client's; locked destinations are refused and listed), delete one.
 //
 // Exit codes: 0 done, 1 refused by the simulator (unknown name, locked
-// destinations on recall, no state file...), 2 the simulator cannot be reached.
+// destinations on recall, no state file...), 2 the simulator cannot be reached
+// or does not answer within the timeout.
 
 #include <iostream>
 #include <optional>
@@ -33,15 +34,16 @@ struct Reply {
     json body;
 };
 
-// One request to the simulator's API; throws on a network error.
-Reply call(const std::string& address, http::verb method, const std::string& target, const json& body) {
+// One request to the simulator's API, the answer included within `timeout`;
+// throws on a network error. (A stream's timeout holds for its asynchronous
+// operations only, hence the io_context run to the end.)
+Reply call(const std::string& address, std::chrono::seconds timeout, http::verb method, const std::string& target,
+           const json& body) {
     const auto colon = address.rfind(':');
     if (colon == std::string::npos) throw std::runtime_error("--http needs HOST:PORT, got " + address);
     asio::io_context io;
     asio::ip::tcp::resolver resolver(io);
     beast::tcp_stream stream(io);
-    stream.expires_after(std::chrono::seconds(10));
-    stream.connect(resolver.resolve(address.substr(0, colon), address.substr(colon + 1)));
     http::request<http::string_body> request{method, target, 11};
     request.set(http::field::host, address);
     request.set(http::field::user_agent, "leitch-salvo");
@@ -50,10 +52,27 @@ Reply call(const std::string& address, http::verb method, const std::string& tar
         request.body() = body.dump();
     }
     request.prepare_payload();
-    http::write(stream, request);
     beast::flat_buffer buffer;
     http::response<http::string_body> response;
-    http::read(stream, buffer, response);
+    beast::error_code failure;
+    const auto failed = [&failure](const beast::error_code& ec) {
+        failure = ec;
+        return static_cast<bool>(ec);
+    };
+    stream.expires_after(timeout);
+    stream.async_connect(resolver.resolve(address.substr(0, colon), address.substr(colon + 1)),
+                         [&](const beast::error_code& ec, const asio::ip::tcp::endpoint&) {
+                             if (failed(ec)) return;
+                             http::async_write(stream, request, [&](const beast::error_code& ec, std::size_t) {
+                                 if (failed(ec)) return;
+                                 http::async_read(stream, buffer, response,
+                                                  [&](const beast::error_code& ec, std::size_t) { failed(ec); });
+                             });
+                         });
+    io.run();
+    if (failure == beast::error::timeout)
+        throw std::runtime_error("no answer within " + std::to_string(timeout.count()) + " s");
+    if (failure) throw std::runtime_error(failure.message());
     beast::error_code ignored;
     stream.socket().shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
     return {response.result_int(), json::parse(response.body(), nullptr, false)};
@@ -78,6 +97,10 @@ int main(int argc, char** argv) {
                  "through its web view's HTTP API."};
     std::string address = "127.0.0.1:8080";
     app.add_option("--http", address, "the simulator's web view, HOST:PORT")->capture_default_str();
+    int seconds = 10;
+    app.add_option("--timeout", seconds, "seconds to wait for the connection and the answer")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 3600));
     app.require_subcommand(1);
     auto* list = app.add_subcommand("list", "list the saved routings");
     std::string name;
@@ -96,9 +119,10 @@ int main(int argc, char** argv) {
         return code == 0 ? kDone : kUnreachable;
     }
 
+    const std::chrono::seconds timeout(seconds);
     try {
         if (list->parsed()) {
-            const Reply reply = call(address, http::verb::get, "/api/salvos", nullptr);
+            const Reply reply = call(address, timeout, http::verb::get, "/api/salvos", nullptr);
             if (reply.status != 200) return refused(reply);
             for (const json& salvo : reply.body["salvos"]) {
                 std::cout << salvo["name"].get<std::string>() << "\tlevels " << levels_text(salvo["levels"]) << "\t"
@@ -109,14 +133,14 @@ int main(int argc, char** argv) {
         if (save->parsed()) {
             json body = {{"name", name}};
             if (level) body["level"] = *level;
-            const Reply reply = call(address, http::verb::post, "/api/salvos", body);
+            const Reply reply = call(address, timeout, http::verb::post, "/api/salvos", body);
             if (reply.status != 200) return refused(reply);
             std::cout << "saved " << name << ": levels " << levels_text(reply.body["levels"]) << ", "
                       << reply.body["crosspoints"].get<int>() << " crosspoints\n";
             return kDone;
         }
         if (recall->parsed()) {
-            const Reply reply = call(address, http::verb::post, "/api/salvos/" + name + "/recall", nullptr);
+            const Reply reply = call(address, timeout, http::verb::post, "/api/salvos/" + name + "/recall", nullptr);
             if (reply.status != 200) return refused(reply);
             std::cout << "recalled " << name << ": " << reply.body["applied"].get<int>() << " taken, "
                       << reply.body["refused"].size() << " refused\n";
@@ -127,7 +151,7 @@ int main(int argc, char** argv) {
             }
             return reply.body["refused"].empty() ? kDone : kRefused;
         }
-        const Reply reply = call(address, http::verb::delete_, "/api/salvos/" + name, nullptr);
+        const Reply reply = call(address, timeout, http::verb::delete_, "/api/salvos/" + name, nullptr);
         if (reply.status != 200) return refused(reply);
         std::cout << "deleted " << name << "\n";
         return kDone;

@@ -224,6 +224,19 @@ class SavedRoutings(unittest.TestCase):
         self.assertEqual(done.returncode, 2)
         self.assertIn("cannot reach the simulator at 127.0.0.1:1", done.stderr)
 
+    def test_the_command_line_tool_gives_up_on_a_server_that_never_answers(self):
+        silent = socket.socket()
+        silent.bind(("127.0.0.1", 0))
+        silent.listen()  # connections are accepted by the system and never answered
+        self.addCleanup(silent.close)
+        began = time.monotonic()
+        done = subprocess.run([os.environ["LEITCH_SALVO"], "--http", "127.0.0.1:%d" % silent.getsockname()[1],
+                               "--timeout", "1", "list"], capture_output=True, text=True, timeout=30)
+        self.assertEqual((done.returncode, done.stdout, done.stderr),
+                         (2, "", "leitch-salvo: cannot reach the simulator at 127.0.0.1:%d: no answer within 1 s\n"
+                          % silent.getsockname()[1]))
+        self.assertLess(time.monotonic() - began, 5)
+
     def test_without_a_state_file_there_are_none(self):
         other = Routerd()
         self.addCleanup(lambda: other.close())
