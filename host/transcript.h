@@ -24,6 +24,7 @@
 // The expected lines after an action are exactly the events that action causes,
 // in order; an action with none listed must cause none.
 
+#include <istream>
 #include <string>
 #include <vector>
 
@@ -42,8 +43,18 @@ struct Transcript {
     std::vector<TranscriptStep> steps;
 };
 
-// Throws std::runtime_error naming the file and line on a malformed file.
+// What leitch-routerd --record writes first and last: a recording that
+// lacks its last line was cut short.
+inline constexpr const char* kRecordingHeader = "# leitch-routerd: ";
+inline constexpr const char* kRecordingEnd = "# end of session";
+inline constexpr const char* kRecordingStopped = "# recording stopped";
+
+// Throws std::runtime_error naming the file and line on a malformed file,
+// one cut short (the last line without its line end, a recording without its
+// last line) or one without actions; and on anything but a regular file.
 Transcript load_transcript(const std::string& path);
+// The same from text; errors begin with `name`.
+Transcript parse_transcript(std::istream& in, const std::string& name);
 
 // Decode a quoted string with C escapes.
 std::string unquote(const std::string& quoted);

@@ -2,7 +2,8 @@
 # The whole test suite on a fresh Debian machine: installs what is missing,
 # then builds and runs every test twice, in the normal build and under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and fuzzes the plug-in for a
-# bounded time (LEITCH_FUZZ_SECONDS, 120 unless set). Any finding fails the run,
+# bounded time (LEITCH_FUZZ_SECONDS, 120 unless set) and the transcript parser
+# (LEITCH_PARSER_FUZZ_SECONDS, 30). Any finding fails the run,
 # and so does any compiler warning (LEITCH_WARNINGS_AS_ERRORS).
 #
 # Then what is shipped: the Debian packages are built and checked with
@@ -66,6 +67,21 @@ if ! build/fuzz/fuzz/leitch_fuzz -fork="$jobs" -max_total_time="$seconds" \
     build/fuzz/corpus build/fuzz/fuzz/seeds fuzz/hostile fuzz/regressions; then
   echo "fuzzing found a problem; inputs in build/fuzz/artifacts/:" >&2
   ls -l build/fuzz/artifacts/ >&2
+  exit 1
+fi
+
+# The transcript parser, which leitch-replay runs on whatever file it is
+# given, beside the plug-in: its seeds are the transcripts themselves.
+parser_seconds=${LEITCH_PARSER_FUZZ_SECONDS:-30}
+mkdir -p build/fuzz/transcript-corpus build/fuzz/transcript-artifacts
+begin "fuzzing the transcript parser for ${parser_seconds}s"
+if ! build/fuzz/fuzz/transcript_fuzz -fork="$jobs" -max_total_time="$parser_seconds" \
+    -ignore_crashes=0 -ignore_timeouts=0 -ignore_ooms=0 \
+    -max_len=4096 -timeout=20 -rss_limit_mb=2048 \
+    -artifact_prefix=build/fuzz/transcript-artifacts/ -print_final_stats=1 \
+    build/fuzz/transcript-corpus tests/transcripts fuzz/transcript_hostile; then
+  echo "fuzzing the transcript parser found a problem; inputs in build/fuzz/transcript-artifacts/:" >&2
+  ls -l build/fuzz/transcript-artifacts/ >&2
   exit 1
 fi
 

@@ -23,6 +23,9 @@ std::string file_safe(std::string text) {
     return text;
 }
 
+// The bound holds the last line too, whichever it is.
+constexpr std::size_t kLastLineRoom = 96;
+
 }  // namespace
 
 std::unique_ptr<LinkRecording> LinkRecording::open(const RecordSettings& settings, int client,
@@ -36,13 +39,15 @@ std::unique_ptr<LinkRecording> LinkRecording::open(const RecordSettings& setting
         return nullptr;
     }
     std::unique_ptr<LinkRecording> recording(new LinkRecording(fd, path, client, settings.max_bytes, log));
-    recording->event_ = "# leitch-routerd: " + client_name(client) + " from " + peer + "\n";
+    recording->event_ = plugin_host::kRecordingHeader + client_name(client) + " from " + peer + "\n";
     log.info(client_name(client) + ": recording to " + path);
     return recording;
 }
 
+// The last line tells a whole recording from one cut short.
 LinkRecording::~LinkRecording() {
     end_event();
+    if (!stopped_) write_all(std::string(plugin_host::kRecordingEnd) + "\n");
     ::close(fd_);
 }
 
@@ -85,16 +90,23 @@ void LinkRecording::called(plugin_host::AnsweringDriver::Operation operation, in
 
 void LinkRecording::end_event() {
     if (stopped_ || event_.empty()) return;
-    if (written_ + event_.size() > max_bytes_) {
+    if (written_ + event_.size() + kLastLineRoom > max_bytes_) {
         stopped_ = true;
         event_.clear();
-        log_.info(client_name(client_) + ": recording stopped at " + std::to_string(written_) +
-                  " bytes (the bound is " + std::to_string(max_bytes_) + "): " + path_);
+        const std::string why = "at " + std::to_string(written_) + " bytes (the bound is " +
+                                std::to_string(max_bytes_) + ")";
+        write_all(std::string(plugin_host::kRecordingStopped) + " " + why + "\n");
+        log_.info(client_name(client_) + ": recording stopped " + why + ": " + path_);
         return;
     }
+    write_all(event_);
+    event_.clear();
+}
+
+void LinkRecording::write_all(const std::string& text) {
     std::size_t done = 0;
-    while (done < event_.size()) {
-        const ssize_t n = ::write(fd_, event_.data() + done, event_.size() - done);
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd_, text.data() + done, text.size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             stopped_ = true;
@@ -105,7 +117,6 @@ void LinkRecording::end_event() {
         done += static_cast<std::size_t>(n);
     }
     written_ += done;
-    event_.clear();
 }
 
 void LinkRecording::discard_event() { event_.clear(); }

@@ -56,6 +56,7 @@ private:
     LinkRecording(int fd, std::string path, int client, std::size_t max_bytes, const Log& log)
         : fd_(fd), path_(std::move(path)), client_(client), max_bytes_(max_bytes), log_(log) {}
     void action(const std::string& line);
+    void write_all(const std::string& text);
 
     int fd_;
     std::string path_;

@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <fstream>
 #include <sstream>
 
@@ -19,14 +21,16 @@ namespace {
 namespace fs = std::filesystem;
 const std::string kPrompt = "\r\n>";
 
-// Runs a program to its end; its exit status and standard output.
+// Runs a program to its end; its exit status, standard output and error.
 struct ProgramRun {
     int code = -1;
     std::string output;
+    std::string errors;
 };
 
 ProgramRun run_program(const std::string& binary, const std::vector<std::string>& args) {
-    const testhost::Child child = testhost::spawn_child(binary, args, -1);
+    const std::unique_ptr<FILE, int (*)(FILE*)> errors(std::tmpfile(), &std::fclose);
+    const testhost::Child child = testhost::spawn_child(binary, args, errors ? fileno(errors.get()) : -1);
     ProgramRun result;
     char chunk[4096];
     for (;;) {
@@ -36,6 +40,10 @@ ProgramRun run_program(const std::string& binary, const std::vector<std::string>
     }
     close(child.out_fd);
     result.code = testhost::wait_for_exit(child.pid, testhost::SteadyClock::now() + 30s);
+    if (errors) {
+        std::rewind(errors.get());
+        for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, errors.get())) > 0;) result.errors.append(chunk, n);
+    }
     return result;
 }
 
@@ -100,6 +108,36 @@ TEST_F(RecordingTest, EveryClientLinkIsRecordedInTheTranscriptFormat) {
     EXPECT_NE(first.find("crosspoint 1 2 4\n  send \"\\r\\nS:14,2\"\n  send \"\\r\\n>\"\n"), std::string::npos);
 }
 
+TEST_F(RecordingTest, ARecordingEndsWithItsLastLine) {
+    record_two_clients();
+    for (const std::string& file : recordings(directory_.string())) {
+        const std::string text = read_text(file);
+        EXPECT_EQ(text.rfind("# leitch-routerd: client ", 0), 0u) << text.substr(0, 80);
+        ASSERT_GT(text.size(), 17u);
+        EXPECT_EQ(text.substr(text.size() - 17), "# end of session\n");
+    }
+}
+
+TEST_F(RecordingTest, AReplayOfARecordingCutShortExitsWithTwoNamingWhereItStops) {
+    record_two_clients();
+    const std::string file = recordings(directory_.string()).at(0);
+    std::string text = read_text(file);
+    text.resize(text.size() - 17);  // without "# end of session\n"
+    const long lines = std::count(text.begin(), text.end(), '\n');
+    { std::ofstream(file, std::ios::binary | std::ios::trunc) << text; }
+    ProgramRun replay = run_program(LEITCH_REPLAY_PATH, {"--plugin", LEITCH_PLUGIN_PATH, file});
+    EXPECT_EQ(replay.code, 2) << replay.output;
+    EXPECT_EQ(replay.errors, "leitch-replay: " + file + ":" + std::to_string(lines) +
+                                 ": the recording ends here without its last line (cut short?)\n");
+
+    text.resize(text.size() - 3);  // in the middle of the last line
+    { std::ofstream(file, std::ios::binary | std::ios::trunc) << text; }
+    replay = run_program(LEITCH_REPLAY_PATH, {"--plugin", LEITCH_PLUGIN_PATH, file});
+    EXPECT_EQ(replay.code, 2) << replay.output;
+    EXPECT_EQ(replay.errors, "leitch-replay: " + file + ":" + std::to_string(lines) +
+                                 ": the file ends in the middle of this line (cut short?)\n");
+}
+
 TEST_F(RecordingTest, ARecordedSessionReplaysWithNoDifference) {
     record_two_clients();
     const std::vector<std::string> files = recordings(directory_.string());
@@ -149,6 +187,31 @@ TEST(RecordingDirectory, ADirectoryThatCannotBeWrittenIsRefusedAtStartUp) {
     const ExitResult result = run_routerd({"--listen", "127.0.0.1:0", "--record", file.path()});
     EXPECT_EQ(result.code, 2);
     EXPECT_NE(result.errors.find("cannot record to " + file.path()), std::string::npos) << result.errors;
+}
+
+TEST(Replay, WhatIsNotATranscriptExitsWithTwoSayingWhy) {
+    const TempFile empty("empty.txt", "");
+    const TempFile comments("comments.txt", "# nothing but a comment\n\n");
+    const TempFile bare_recv("bare_recv.txt", "levels 0:4x4\nrecv\n");
+    const TempFile bad_call("bad_call.txt", "recv \"@ ?\\r\"\n  call Explode 1\n");
+    const TempFile bad_escape("bad_escape.txt", "recv \"\\x4\"\n");
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {fs::temp_directory_path().string(), fs::temp_directory_path().string() + ": not a regular file"},
+        {"/dev/null", "/dev/null: not a regular file"},
+        {"/dev/zero", "/dev/zero: not a regular file"},
+        {empty.path(), empty.path() + ": no actions"},
+        {comments.path(), comments.path() + ": no actions"},
+        {bare_recv.path(), bare_recv.path() + ":2: recv needs one quoted string"},
+        {bad_call.path(), bad_call.path() +
+                              ":2: call names TakePresets, ClearPresets, PresetCrosspoint or LockCrosspoint"},
+        {bad_escape.path(), bad_escape.path() + ":1: bad \\x escape"},
+    };
+    for (const auto& [file, message] : cases) {
+        const ProgramRun replay = run_program(LEITCH_REPLAY_PATH, {"--plugin", LEITCH_PLUGIN_PATH, file});
+        EXPECT_EQ(replay.code, 2) << file << "\n" << replay.output;
+        EXPECT_EQ(replay.errors, "leitch-replay: " + message + "\n");
+        EXPECT_EQ(replay.output, "");
+    }
 }
 
 TEST(RecordingDirectory, ReplayOfAMissingFileExitsWithTwo) {
