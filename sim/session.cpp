@@ -92,12 +92,13 @@ void Session::stop(const std::string& reason) {
     context_.manager.leave(shared_from_this());
 }
 
+// Told only while subscribed: from the instance's creation to just before it goes.
 void Session::crosspoint_changed(int level, int source, int destination) {
-    if (converter_.created() && state_ != State::dropping) converter_.crosspoint(level, source, destination);
+    if (state_ != State::dropping) converter_.crosspoint(level, source, destination);
 }
 
 void Session::lock_changed(int level, int destination, int state) {
-    if (converter_.created() && state_ != State::dropping) converter_.lock(level, destination, state);
+    if (state_ != State::dropping) converter_.lock(level, destination, state);
 }
 
 // ---------------------------------------------------------------------------
