@@ -4,6 +4,8 @@
 #include <chrono>
 #include <new>
 #include <cstddef>
+#include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,6 +32,10 @@ struct OutputOverflow : std::bad_alloc {
 // may pile up by the high-water mark, or one frame, before the client counts
 // as one that reads slower than the router changes. A client whose output
 // does not move, or stays above the mark, for the output timeout does not read.
+//
+// Output may be held for a frame (see SwitchQueue: what shows a change leaves
+// once the change is kept): bytes appended for a frame not settled yet wait,
+// and so does everything after them.
 class ClientOutput {
 public:
     using Clock = std::chrono::steady_clock;
@@ -39,16 +45,23 @@ public:
     enum class Written {
         all_taken,
         waiting,            // the link is full: wait until it is writable
+        held,               // what waits, waits for held_for() to settle
         behind_the_router,  // the client must go (see behind_reason)
         failed,
     };
 
     ClientOutput(const Limits& limits, std::size_t report_room) : limits_(limits), report_room_(report_room) {}
 
-    void append(std::string_view bytes) {
+    // `frame` is the frame the bytes may show, 0 for none; `settled` the last
+    // frame settled.
+    void append(std::string_view bytes, std::uint64_t frame = 0, std::uint64_t settled = 0) {
         if (waiting() == 0) progress_at_ = Clock::now();
+        if (frame > settled && (holds_.empty() || holds_.back().frame < frame)) holds_.push_back({appended_, frame});
         queue_.append(bytes);
+        appended_ += bytes.size();
     }
+    // The frame the first held byte waits for (while write() says held).
+    std::uint64_t held_for() const { return holds_.front().frame; }
     std::size_t waiting() const { return queue_.size(); }
     // Bytes given to the link and not all taken yet: a wait for writability is under way.
     bool writing() const { return queue_.handed() > 0; }
@@ -57,8 +70,9 @@ public:
     bool behind_the_router() const { return waiting() > own_answers_ + report_room_; }
     std::string behind_reason() const;
 
-    // Hands everything waiting to the link, which takes what it can now.
-    Written write(Transport& transport, boost::system::error_code& ec);
+    // Hands everything waiting and not held to the link, which takes what it
+    // can now.
+    Written write(Transport& transport, boost::system::error_code& ec, std::uint64_t settled = 0);
     // The client's own event is over: what waits now counts as its answers.
     void answers_done() { own_answers_ = std::max(own_answers_, waiting()); }
     // After everything was taken: whether a burst since the last time left
@@ -70,12 +84,25 @@ public:
     }
     // Why the client must go by `now` for not reading its output, or nothing.
     std::optional<std::string> overdue(Clock::time_point now) const;
-    void clear() { queue_.clear(); }
+    void clear() {
+        queue_.clear();
+        holds_.clear();
+    }
 
 private:
+    // From byte `at` of all that was ever appended on, output waits for `frame`.
+    struct Hold {
+        std::uint64_t at;
+        std::uint64_t frame;
+    };
+    // What may leave now, after dropping the holds whose frame is settled.
+    std::size_t releasable(std::uint64_t settled);
+
     const Limits& limits_;
     const std::size_t report_room_;
     OutputQueue queue_;             // what the link has not taken yet
+    std::deque<Hold> holds_;        // in the order appended: frames rise
+    std::uint64_t appended_ = 0;    // bytes ever appended
     std::size_t most_waiting_ = 0;  // since the output was last all taken
     std::size_t own_answers_ = 0;   // waiting after the client's own last event, while over the mark
     Clock::time_point progress_at_;  // last time the link took output, or output began to wait
@@ -85,8 +112,22 @@ private:
 
 // Inline: every write of every client passes here. Measured after the link
 // has taken what it could.
-inline ClientOutput::Written ClientOutput::write(Transport& transport, boost::system::error_code& ec) {
-    queue_.hand_over();
+inline std::size_t ClientOutput::releasable(std::uint64_t settled) {
+    while (!holds_.empty() && holds_.front().frame <= settled) holds_.pop_front();
+    if (holds_.empty()) return waiting();
+    const std::uint64_t taken = appended_ - waiting();
+    return static_cast<std::size_t>(holds_.front().at - taken);
+}
+
+inline ClientOutput::Written ClientOutput::write(Transport& transport, boost::system::error_code& ec,
+                                                 std::uint64_t settled) {
+    if (holds_.empty()) {
+        queue_.hand_over();
+    } else {
+        const std::size_t free = releasable(settled);
+        if (free == 0) return Written::held;
+        queue_.hand_over(free);
+    }
     most_waiting_ = std::max(most_waiting_, waiting());
     const std::size_t taken = transport.write_now(queue_.front_buffers(), ec);
     if (ec) return Written::failed;
@@ -95,6 +136,8 @@ inline ClientOutput::Written ClientOutput::write(Transport& transport, boost::sy
         queue_.consume(taken);
         progress_at_ = now;
     }
+    // Everything that could go went: the rest is held.
+    if (queue_.handed() == 0 && waiting() > 0) return Written::held;
     if (waiting() == 0) {
         above_mark_ = false;
         own_answers_ = 0;

@@ -397,8 +397,13 @@ public:
         config.origin = path_;
         only_known_keys(root, "", {"server", "listen", "serial", "plugin", "level", "record", "state", "http"});
         if (const toml::table* t = table(root, "state", "")) {
-            only_known_keys(*t, "state.", {"file"});
+            only_known_keys(*t, "state.", {"file", "max_salvos", "max_salvo_crosspoints"});
             if (const toml::node* n = t->get("file")) config.state_file = string(*n, "state.file");
+            if (const toml::node* n = t->get("max_salvos"))
+                config.salvo_limits.max_salvos = static_cast<std::size_t>(integer(*n, "state.max_salvos", 0, 1000000));
+            if (const toml::node* n = t->get("max_salvo_crosspoints"))
+                config.salvo_limits.max_crosspoints =
+                    static_cast<std::size_t>(integer(*n, "state.max_salvo_crosspoints", 0, 1000000000));
         }
         if (const toml::table* s = table(root, "server", "")) server(*s, config);
         if (const toml::node* l = root.get("listen")) listeners(*l, root, config);

@@ -9,6 +9,7 @@
 #include "sim/links/serial_settings.h"
 #include "sim/recording.h"
 #include "sim/router/router.h"
+#include "sim/router/state_store.h"
 #include "sim/startup_error.h"
 
 namespace routerd {
@@ -49,6 +50,7 @@ struct SimulatorConfig {
     RecordSettings record;
     std::string state_file;     // empty: the router's state lives in memory only
     bool fresh_state = false;   // forget what the state file holds
+    SalvoLimits salvo_limits;   // what saved routings may take of the state file
     std::map<std::string, std::string> converter;  // the converter's LoadConfig map
     std::vector<LevelSpec> levels;
     std::vector<InitialCrosspoint> crosspoints;

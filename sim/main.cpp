@@ -78,10 +78,10 @@ int main(int argc, char** argv) {
                  " level(s); plug-in " + config.plugin_path);
         log.capture_standard_error();
         print_addresses(server);
-        server.run();
+        const int status = server.run();
         log.info("stopped");
         log.flush();
-        return 0;
+        return status;
     } catch (const routerd::StartupError& e) {
         std::cerr << "leitch-routerd: " << e.heading() << e.what() << '\n';
     }

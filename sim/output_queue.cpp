@@ -27,9 +27,12 @@ void OutputQueue::append(std::string_view data) {
 const std::vector<boost::asio::const_buffer>& OutputQueue::front_buffers() {
     buffers_.clear();
     std::size_t skip = front_taken_;
+    std::size_t left = handed_;
     for (const std::string& block : blocks_) {
-        if (buffers_.size() == kMaxBuffersPerWrite) break;
-        buffers_.emplace_back(block.data() + skip, block.size() - skip);
+        if (buffers_.size() == kMaxBuffersPerWrite || left == 0) break;
+        const std::size_t bytes = std::min(block.size() - skip, left);
+        buffers_.emplace_back(block.data() + skip, bytes);
+        left -= bytes;
         skip = 0;
     }
     return buffers_;

@@ -22,12 +22,14 @@ public:
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
 
-    // Everything appended so far is given to the writer. Until the link has
-    // taken all of it, a write is under way.
+    // The first `bytes` waiting (everything appended so far, by default) are
+    // given to the writer. Until the link has taken all of them, a write is
+    // under way.
     void hand_over() { handed_ = size_; }
+    void hand_over(std::size_t bytes) { handed_ = bytes < size_ ? bytes : size_; }
     std::size_t handed() const { return handed_; }
 
-    // The front of the queue as buffers for one gathered write (at most 16).
+    // The front of what was handed over as buffers for one gathered write (at most 16).
     const std::vector<boost::asio::const_buffer>& front_buffers();
     // Drops the first `bytes`, which the link has taken (at most handed()).
     void consume(std::size_t bytes);

@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <ctime>
 
 #include <boost/asio/write.hpp>
 
@@ -37,6 +38,25 @@ std::string signal_name(int signal) {
     return "signal " + std::to_string(signal);
 }
 
+std::string utc_time(std::chrono::system_clock::time_point when) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(when);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &utc);
+    return text;
+}
+
+// The state file among the links: whether what the router holds is on disk.
+LinkStatus state_status(const std::string& path, const StateHealth& health) {
+    LinkStatus status{"state", path, "SQLite", health.unsaved == 0, ""};
+    if (health.unsaved_since) {
+        status.problem = "changes not saved since " + utc_time(*health.unsaved_since) + " (" +
+                         std::to_string(health.unsaved) + " waiting: " + health.reason + ")";
+    }
+    return status;
+}
+
 }  // namespace
 
 Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host::PluginLibrary> plugin, const Log& log)
@@ -55,11 +75,15 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
       other_signals_(io_),
       ticker_(io_) {
     if (!config.state_file.empty()) {
-        state_ = std::make_unique<StateStore>(config.state_file, config.levels, config.fresh_state, log_);
+        state_ = std::make_unique<StateStore>(
+            config.state_file, config.levels, config.fresh_state, [this](const std::string& line) { log_.info(line); },
+            config.salvo_limits);
         const bool restored = state_->restore_into(router_);
         log_.info(std::string(restored ? "crosspoints and locks restored from " : "crosspoints and locks kept in ") +
                   config.state_file);
-        router_.set_journal(state_.get());
+        state_writer_ = std::make_unique<StateWriter>(*state_, io_.get_executor(),
+                                                      [this](std::uint64_t frame) { switches_.settle(frame); }, log_);
+        switches_.set_journal(state_writer_.get());
     }
     // Signals whose default action would end the simulator without a word.
     for (const int signal : {SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGIO, SIGPWR})
@@ -80,7 +104,7 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
         link->open_port();
         serial_links_.push_back(std::move(link));
     }
-    web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_, state_.get(), *this);
+    web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_, state_writer_.get(), *this);
     context_.watcher = &web_->state();
 }
 
@@ -101,10 +125,11 @@ std::vector<LinkStatus> Server::links() const {
             described += ", idle timeout " + std::to_string(settings.idle_timeout.count()) + " s";
         links.push_back({"serial", settings.device, described, serial->open(), serial->problem()});
     }
+    if (state_writer_) links.push_back(state_status(state_->path(), state_writer_->health()));
     return links;
 }
 
-void Server::run() {
+int Server::run() {
     wait_for_signals();
     wait_for_other_signals();
     tick();
@@ -112,6 +137,13 @@ void Server::run() {
     for (const auto& serial : serial_links_) serial->run();
     web_->run();
     io_.run();
+    if (!state_writer_) return 0;
+    state_writer_->finish();
+    const std::size_t unsaved = state_writer_->health().unsaved;
+    if (unsaved == 0) return 0;
+    log_.info(std::to_string(unsaved) + " change(s) of crosspoints and locks not saved to " + state_->path() +
+              ": they are lost");
+    return kChangesNotSaved;
 }
 
 void Server::wait_for_signals() {
@@ -137,7 +169,6 @@ void Server::tick() {
     refusals_.end_second();
     log_.end_second();
     sessions_.check_timeouts(std::chrono::steady_clock::now());
-    if (state_) state_->retry();
     web_->tick();
     if (sessions_.take_memory_released()) malloc_trim(0);
     if (stopping_) return;

@@ -18,10 +18,14 @@
 #include "sim/session.h"
 #include "sim/session_manager.h"
 #include "sim/router/state_store.h"
+#include "sim/router/state_writer.h"
 #include "sim/router/switch_queue.h"
 #include "sim/web/web_view.h"
 
 namespace routerd {
+
+// The exit status of a simulator that stopped with changes it could not save.
+constexpr int kChangesNotSaved = 3;
 
 // Serves the links (TCP listeners, serial ports) and gives each client a
 // session; everything runs on one io_context on the calling thread, so no
@@ -41,8 +45,9 @@ public:
     // The web view's address, when it is on.
     std::optional<boost::asio::ip::tcp::endpoint> web_endpoint() const { return web_->endpoint(); }
 
-    // Serves until SIGINT or SIGTERM.
-    void run();
+    // Serves until SIGINT or SIGTERM. Returns the exit status: 0, or
+    // kChangesNotSaved when the state file could not take every change.
+    int run();
 
 private:
     void accept(boost::asio::ip::tcp::socket socket, const LinkSettings& link);
@@ -58,7 +63,8 @@ private:
     const Log& log_;
     RefusalLog refusals_;
     Router router_;
-    std::unique_ptr<StateStore> state_;  // --state: kept before clients are told
+    std::unique_ptr<StateStore> state_;  // --state
+    std::unique_ptr<StateWriter> state_writer_;  // commits to state_, off the event loop
     SessionManager sessions_;
     SwitchQueue switches_;
     SessionContext context_;

@@ -107,7 +107,7 @@ void Session::lock_changed(int level, int destination, int state) {
 void Session::send(const std::string& data) {
     converter_.sent(data);
     if (ending()) return;
-    output_.append(front_.encode(data));
+    output_.append(front_.encode(data), context_.switches.tag(), context_.switches.settled_frame());
     if (call_ == Call::input && output_.waiting() > context_.output_bound) throw OutputOverflow();
     // Output caused by a router change is written once the frame is told, so
     // that all of it leaves together.
@@ -135,9 +135,11 @@ void Session::flush() {
 void Session::write_some() {
     converter_.log_sent();
     boost::system::error_code ec;
-    switch (output_.write(*transport_, ec)) {
+    switch (output_.write(*transport_, ec, context_.switches.settled_frame())) {
         case ClientOutput::Written::failed:
             return fail(ec, "write");
+        case ClientOutput::Written::held:
+            return await_settle();
         case ClientOutput::Written::all_taken:
             return took_everything();
         case ClientOutput::Written::behind_the_router:
@@ -145,6 +147,16 @@ void Session::write_some() {
         case ClientOutput::Written::waiting:
             return transport_->async_wait_writable(as_transport_user());
     }
+}
+
+// What shows a change leaves once the change is kept.
+void Session::await_settle() {
+    if (awaiting_settle_) return;
+    awaiting_settle_ = true;
+    context_.switches.when_settled(output_.held_for(), [self = shared_from_this()] {
+        self->awaiting_settle_ = false;
+        self->flush();
+    });
 }
 
 void Session::on_writable(const boost::system::error_code& ec) {

@@ -126,6 +126,7 @@ private:
     void introduce_some();
     void send(const std::string& data);
     void write_some();
+    void await_settle();
     void on_writable(const boost::system::error_code& ec) override;
     void took_everything();
 
@@ -166,6 +167,7 @@ private:
 
     ClientOutput output_;       // sent by the instance, not taken by the link yet
     bool awaiting_flush_ = false;  // listed with the manager for the end of a frame
+    bool awaiting_settle_ = false; // output held until a frame is kept
     Call call_ = Call::none;
 };
 

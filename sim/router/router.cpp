@@ -106,7 +106,7 @@ void Router::note_change(int level, Level& state, int destination, std::uint8_t 
     changes_.push_back({level, destination, what});
 }
 
-void Router::publish() {
+const std::vector<PublishedChange>& Router::publish() {
     publishing_.clear();
     publishing_.swap(changes_);
     published_.clear();
@@ -121,7 +121,6 @@ void Router::publish() {
                                  : PublishedChange{PublishedChange::lock, change.level, change.destination,
                                                    state.locks[index]});
     }
-    if (journal_ && !published_.empty()) journal_->keep(published_);
     for (const PublishedChange& change : published_) {
         if (change.kind == PublishedChange::crosspoint) {
             tell_observers([&](RouterObserver& o) { o.crosspoint_changed(change.level, change.value, change.destination); });
@@ -129,6 +128,7 @@ void Router::publish() {
             tell_observers([&](RouterObserver& o) { o.lock_changed(change.level, change.destination, change.value); });
         }
     }
+    return published_;
 }
 
 int Router::source_of(int level, int destination) const {

@@ -34,11 +34,12 @@ struct PublishedChange {
     int value;  // the source of a crosspoint, the state of a lock
 };
 
-// Keeps what the router publishes (the durable state): given every frame's
-// changes before any observer hears of them.
+// Keeps what the router publishes (the durable state). Given each frame's
+// changes with the frame's number; says when a frame is kept through
+// SwitchQueue::settle(), perhaps later, from the event loop.
 class RouterJournal {
 public:
-    virtual void keep(const std::vector<PublishedChange>& changes) = 0;
+    virtual void keep(const std::vector<PublishedChange>& changes, std::uint64_t frame) = 0;
 
 protected:
     ~RouterJournal() = default;
@@ -91,10 +92,9 @@ public:
 
     // True when changes wait to be told.
     bool changed() const { return !changes_.empty(); }
-    // Gives the journal, then every observer, every destination changed since
-    // the last publish, in the order of each destination's first change.
-    void publish();
-    void set_journal(RouterJournal* journal) { journal_ = journal; }
+    // Tells every observer every destination changed since the last publish,
+    // in the order of each destination's first change; returns what was told.
+    const std::vector<PublishedChange>& publish();
 
     // Observers are told in the order they subscribed. Unsubscribing while a
     // change is being told is safe: the observer is skipped from then on.
@@ -129,7 +129,6 @@ private:
     std::vector<Change> changes_;  // at most two per destination
     std::vector<Change> publishing_;
     std::vector<PublishedChange> published_;
-    RouterJournal* journal_ = nullptr;
     std::vector<RouterObserver*> observers_;
     int telling_ = 0;            // depth of notification loops under way
     bool has_vacancies_ = false; // unsubscribed while telling: compact afterwards

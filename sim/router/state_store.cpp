@@ -107,26 +107,22 @@ bool commit_transaction(sqlite3* db, const Write& write, std::string& reason) {
     return false;
 }
 
-// The crosspoints of `only` or of every level, under `name`, in place of
-// what that name held.
-bool write_salvo(sqlite3* db, const std::string& name, const Router& router, const LevelSpec* only) {
+// `crosspoints` under `name`, in place of what that name held.
+bool write_salvo(sqlite3* db, const std::string& name, const std::vector<SalvoCrosspoint>& crosspoints) {
     Statement forget(db, "DELETE FROM salvos WHERE name = ?");
     if (!forget.ok()) return false;
     sqlite3_bind_text(forget.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
     if (!forget.run({})) return false;
     Statement insert(db, "INSERT INTO salvos VALUES (?, ?, ?, ?)");
     if (!insert.ok()) return false;
-    for (const LevelSpec& level : router.levels()) {
-        if (only && only->number != level.number) continue;
-        for (int destination = 0; destination < level.destinations; ++destination) {
-            sqlite3_bind_text(insert.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
-            sqlite3_bind_int(insert.get(), 2, level.number);
-            sqlite3_bind_int(insert.get(), 3, destination);
-            sqlite3_bind_int(insert.get(), 4, router.source_of(level.number, destination));
-            const bool inserted = sqlite3_step(insert.get()) == SQLITE_DONE;
-            sqlite3_reset(insert.get());
-            if (!inserted) return false;
-        }
+    for (const SalvoCrosspoint& c : crosspoints) {
+        sqlite3_bind_text(insert.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_int(insert.get(), 2, c.level);
+        sqlite3_bind_int(insert.get(), 3, c.destination);
+        sqlite3_bind_int(insert.get(), 4, c.source);
+        const bool inserted = sqlite3_step(insert.get()) == SQLITE_DONE;
+        sqlite3_reset(insert.get());
+        if (!inserted) return false;
     }
     return true;
 }
@@ -153,8 +149,19 @@ std::string levels_text(const std::vector<LevelSpec>& levels) {
 
 }  // namespace
 
-StateStore::StateStore(const std::string& path, const std::vector<LevelSpec>& levels, bool fresh, const Log& log)
-    : path_(path), log_(log) {
+std::vector<SalvoCrosspoint> routing_of(const Router& router, const LevelSpec* only) {
+    std::vector<SalvoCrosspoint> crosspoints;
+    for (const LevelSpec& level : router.levels()) {
+        if (only && only->number != level.number) continue;
+        for (int destination = 0; destination < level.destinations; ++destination)
+            crosspoints.push_back({level.number, destination, router.source_of(level.number, destination)});
+    }
+    return crosspoints;
+}
+
+StateStore::StateStore(const std::string& path, const std::vector<LevelSpec>& levels, bool fresh, Notes notes,
+                       SalvoLimits limits)
+    : path_(path), notes_(std::move(notes)), limits_(limits) {
     const auto fail = [&](const std::string& what) {
         const std::string message = path + ": " + what + (db_ ? std::string(": ") + sqlite3_errmsg(db_) : "");
         sqlite3_close_v2(db_);
@@ -323,7 +330,7 @@ void StateStore::store_all(const Router& router) {
             unsaved_[{PublishedChange::lock, level.number, destination}] = router.lock_of(level.number, destination);
         }
     }
-    if (!commit_unsaved()) throw StateError(path_ + ": cannot write the state file: " + sqlite3_errmsg(db_));
+    if (!commit_unsaved()) throw StateError(path_ + ": cannot write the state file: " + failure_);
 }
 
 void StateStore::keep(const std::vector<PublishedChange>& changes) {
@@ -349,23 +356,57 @@ bool StateStore::write_unsaved() const {
 bool StateStore::commit_unsaved() {
     std::string reason;
     if (commit_transaction(db_, [this] { return write_unsaved(); }, reason)) {
-        if (failing_) log_.info("state file " + path_ + " written again");
-        failing_ = false;
+        if (!failure_.empty() && notes_) notes_("state file " + path_ + " written again");
+        failure_.clear();
+        failing_since_.reset();
         unsaved_.clear();
         return true;
     }
-    if (!failing_) {
-        log_.info("cannot write the state file " + path_ + ": " + reason +
-                  "; serving from memory and trying again every second");
-    }
-    failing_ = true;
+    fail_commit(reason);
     return false;
 }
 
-void StateStore::save_salvo(const std::string& name, const Router& router, const LevelSpec* only) {
+void StateStore::fail_commit(const std::string& reason) {
+    if (failure_.empty()) {
+        failing_since_ = std::chrono::system_clock::now();
+        if (notes_)
+            notes_("cannot write the state file " + path_ + ": " + reason +
+                   "; serving from memory and trying again every second");
+    }
+    failure_ = reason.empty() ? "unknown error" : reason;
+}
+
+std::map<std::string, std::size_t>& StateStore::salvo_sizes() {
+    if (salvo_sizes_) return *salvo_sizes_;
+    salvo_sizes_.emplace();
+    Statement select(db_, "SELECT name, COUNT(*) FROM salvos GROUP BY name");
+    while (select.ok() && sqlite3_step(select.get()) == SQLITE_ROW) {
+        (*salvo_sizes_)[reinterpret_cast<const char*>(sqlite3_column_text(select.get(), 0))] =
+            static_cast<std::size_t>(sqlite3_column_int64(select.get(), 1));
+    }
+    return *salvo_sizes_;
+}
+
+void StateStore::save_salvo(const std::string& name, const std::vector<SalvoCrosspoint>& crosspoints) {
+    std::map<std::string, std::size_t>& sizes = salvo_sizes();
+    const auto existing = sizes.find(name);
+    if (existing == sizes.end() && sizes.size() >= limits_.max_salvos) {
+        throw SalvoRefused("already " + std::to_string(sizes.size()) + " saved routings, the most the state file keeps"
+                           " (max_salvos): delete one, or save under the name of one",
+                           true);
+    }
+    std::size_t held = 0;
+    for (const auto& [other, size] : sizes) held += other == name ? 0 : size;
+    if (held + crosspoints.size() > limits_.max_crosspoints) {
+        throw SalvoRefused("the saved routings would hold " + std::to_string(held + crosspoints.size()) +
+                               " crosspoints, more than the state file keeps (" +
+                               std::to_string(limits_.max_crosspoints) + ", max_salvo_crosspoints): delete one",
+                           false);
+    }
     std::string reason;
-    if (commit_transaction(db_, [&] { return write_salvo(db_, name, router, only); }, reason)) return;
-    throw StateError(path_ + ": cannot save the routing " + name + ": " + reason);
+    if (!commit_transaction(db_, [&] { return write_salvo(db_, name, crosspoints); }, reason))
+        throw StateError(path_ + ": cannot save the routing " + name + ": " + reason);
+    sizes[name] = crosspoints.size();
 }
 
 std::vector<Salvo> StateStore::salvos() const {
@@ -385,7 +426,9 @@ bool StateStore::delete_salvo(const std::string& name) {
     if (!forget.ok()) throw StateError(path_ + ": cannot delete the routing " + name + ": " + sqlite3_errmsg(db_));
     sqlite3_bind_text(forget.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
     if (!forget.run({})) throw StateError(path_ + ": cannot delete the routing " + name + ": " + sqlite3_errmsg(db_));
-    return sqlite3_changes(db_) > 0;
+    const bool deleted = sqlite3_changes(db_) > 0;
+    salvo_sizes().erase(name);
+    return deleted;
 }
 
 std::vector<SalvoCrosspoint> StateStore::salvo(const std::string& name) const {

@@ -1,12 +1,15 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <map>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "sim/log.h"
 #include "sim/router/router.h"
 #include "sim/startup_error.h"
 
@@ -22,13 +25,6 @@ public:
     explicit StateError(const std::string& what) : StartupError(what, "state error: ") {}
 };
 
-// The router's crosspoints and locks on disk, in an SQLite database (WAL,
-// synchronous commits), so that they outlive the simulator, a kill -9 or a
-// power cut. The database records the levels it was written for. Each frame's
-// changes are committed in one transaction before any client is told of them
-// (so the frame is the group commit); a commit that fails is logged, its
-// changes kept in memory and tried again with the next frame or a second
-// later, and the simulator goes on serving.
 // A saved routing: the crosspoints of one level or of all levels, under a name.
 struct Salvo {
     std::string name;
@@ -40,11 +36,34 @@ struct SalvoCrosspoint {
     int level, destination, source;
 };
 
-class StateStore final : public RouterJournal {
+// What saved routings may take of the state file.
+struct SalvoLimits {
+    std::size_t max_salvos = 1000;
+    std::size_t max_crosspoints = 4'000'000;  // held by all of them together
+};
+
+// A routing that cannot be saved for a limit: `too_many` names are saved
+// already, or else it would pass the crosspoint bound.
+class SalvoRefused : public std::runtime_error {
 public:
+    SalvoRefused(const std::string& what, bool too_many) : std::runtime_error(what), too_many(too_many) {}
+    const bool too_many;
+};
+
+// The router's crosspoints and locks on disk, in an SQLite database (WAL,
+// synchronous commits), so that they outlive the simulator, a kill -9 or a
+// power cut, with the saved routings. The database records the levels it
+// was written for. A commit that fails is noted once, its changes are kept in
+// memory and go with the next commit or retry(), until one succeeds.
+// Used by one thread at a time (see StateWriter).
+class StateStore {
+public:
+    using Notes = std::function<void(const std::string& line)>;
+
     // Opens or creates the file and takes it for this process alone. `fresh`
-    // forgets what it holds. Throws StateError.
-    StateStore(const std::string& path, const std::vector<LevelSpec>& levels, bool fresh, const Log& log);
+    // forgets what it holds. Throws StateError. Log lines go to `notes`.
+    StateStore(const std::string& path, const std::vector<LevelSpec>& levels, bool fresh, Notes notes,
+               SalvoLimits limits = {});
     ~StateStore();
     StateStore(const StateStore&) = delete;
     StateStore& operator=(const StateStore&) = delete;
@@ -53,14 +72,22 @@ public:
     // file held none (a new or fresh file), and then it stores the router's.
     bool restore_into(Router& router);
 
-    void keep(const std::vector<PublishedChange>& changes) override;
+    const std::string& path() const { return path_; }
+    void set_notes(Notes notes) { notes_ = std::move(notes); }
+
+    // Commits the changes, with those of commits that failed.
+    void keep(const std::vector<PublishedChange>& changes);
     // Tries again to write changes that failed to commit.
     void retry();
     std::size_t unsaved() const { return unsaved_.size(); }
+    // Why the last commit failed, and since when commits fail; empty while they succeed.
+    const std::string& failure() const { return failure_; }
+    std::optional<std::chrono::system_clock::time_point> failing_since() const { return failing_since_; }
 
     // Saved routings ("salvos"), in the same file. Saving under a name that
-    // exists replaces it. Throws StateError when the file cannot be written.
-    void save_salvo(const std::string& name, const Router& router, const LevelSpec* level);
+    // exists replaces it. Throws SalvoRefused past a limit, StateError when
+    // the file cannot be written.
+    void save_salvo(const std::string& name, const std::vector<SalvoCrosspoint>& crosspoints);
     std::vector<Salvo> salvos() const;
     // False when there is no salvo of that name.
     bool delete_salvo(const std::string& name);
@@ -78,12 +105,20 @@ private:
     bool write_unsaved() const;
     void store_all(const Router& router);
     std::string describe_levels() const;
+    std::map<std::string, std::size_t>& salvo_sizes();
+    void fail_commit(const std::string& reason);
 
     std::string path_;
-    const Log& log_;
+    Notes notes_;
+    SalvoLimits limits_;
     sqlite3* db_ = nullptr;
     std::map<Key, int> unsaved_;  // value per destination and kind, not yet committed
-    bool failing_ = false;        // the last commit failed (logged once until one succeeds)
+    std::string failure_;         // the last commit failed (noted once until one succeeds)
+    std::optional<std::chrono::system_clock::time_point> failing_since_;
+    std::optional<std::map<std::string, std::size_t>> salvo_sizes_;  // crosspoints per name, read once
 };
+
+// The crosspoints of `level`, or of every level, as a routing to save.
+std::vector<SalvoCrosspoint> routing_of(const Router& router, const LevelSpec* level);
 
 }  // namespace routerd

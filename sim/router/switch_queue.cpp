@@ -39,10 +39,36 @@ void SwitchQueue::end_frame_soon() {
     boost::asio::post(executor_, [this] { end_frame(); });
 }
 
+// The observers are told before the journal has the frame: what they write
+// carries the frame's tag and waits for it.
 void SwitchQueue::end_frame() {
     frame_pending_ = false;
-    router_.publish();
+    if (!router_.changed()) return;
+    ++told_;
+    const std::vector<PublishedChange>& changes = router_.publish();
+    if (journal_) journal_->keep(changes, told_);
     if (frame_done_) frame_done_();
+}
+
+void SwitchQueue::when_settled(std::uint64_t frame, std::function<void()> then) {
+    if (settled(frame)) return then();
+    waiting_.emplace_back(frame, std::move(then));
+}
+
+void SwitchQueue::settle(std::uint64_t frame) {
+    if (frame <= settled_) return;
+    settled_ = frame;
+    // What runs may wait again, for a later frame: into waiting_, not running_.
+    running_.clear();
+    running_.swap(waiting_);
+    for (auto& [waited_for, then] : running_) {
+        if (settled(waited_for)) {
+            then();
+        } else {
+            waiting_.emplace_back(waited_for, std::move(then));
+        }
+    }
+    running_.clear();
 }
 
 }  // namespace routerd

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <utility>
+#include <vector>
 
 #include <boost/asio/any_io_executor.hpp>
 
@@ -30,6 +33,14 @@ constexpr int kWebClient = 0;
 // so the order holds across clients), and is told to the observers in an event
 // of its own, after the current one, together with every other change of that
 // frame.
+//
+// With a journal (the state file), frames are numbered and nothing that shows
+// a change may reach anyone before the change is kept: whatever is written for
+// a client, a page or an API caller is tagged with the frame it may show
+// (tag()), and leaves once that frame is settled. The journal keeps frames off
+// the event loop and settles them in order; a frame it cannot write is settled
+// too (served from memory, which the journal reports), so that a full disk
+// does not stop the router. Without a journal every tag is settled.
 class SwitchQueue {
 public:
     // `frame_done` runs after each frame is told, in the same event.
@@ -43,6 +54,20 @@ public:
 
     void watch(SwitchWatcher* watcher) { watcher_ = watcher; }
 
+    void set_journal(RouterJournal* journal) { journal_ = journal; }
+    // The frame whose changes output written now may show: the one gathering
+    // changes, or else the last one told. 0 without a journal.
+    std::uint64_t tag() const {
+        if (!journal_) return 0;
+        return router_.changed() ? told_ + 1 : told_;
+    }
+    bool settled(std::uint64_t frame) const { return frame <= settled_; }
+    std::uint64_t settled_frame() const { return settled_; }
+    // Runs `then` once `frame` is settled: now, if it is.
+    void when_settled(std::uint64_t frame, std::function<void()> then);
+    // From the journal: every frame up to `frame` is kept (or given up on).
+    void settle(std::uint64_t frame);
+
 private:
     void end_frame_soon();
     void end_frame();
@@ -53,6 +78,11 @@ private:
     std::function<void()> frame_done_;
     bool frame_pending_ = false;
     SwitchWatcher* watcher_ = nullptr;
+    RouterJournal* journal_ = nullptr;
+    std::uint64_t told_ = 0;     // frames told so far
+    std::uint64_t settled_ = 0;  // frames kept by the journal so far
+    std::vector<std::pair<std::uint64_t, std::function<void()>>> waiting_;  // for their frame to settle
+    std::vector<std::pair<std::uint64_t, std::function<void()>>> running_;
 };
 
 }  // namespace routerd

@@ -173,8 +173,8 @@ ApiReply lock(WebState& state, const ApiRequest& http_request) {
     return ok(lock_message(destination, lock_state == 1));
 }
 
-// Saved routings live in the state file.
-StateStore& salvo_store(WebState& state) {
+// Saved routings live in the state file, whose own thread reads and writes them.
+StateWriter& salvo_store(WebState& state) {
     if (!state.store())
         reject(http::status::conflict, "saved routings are kept in the state file: start with --state FILE");
     return *state.store();
@@ -190,11 +190,65 @@ std::string salvo_name(std::string_view name, const std::string& field) {
     return std::string(name);
 }
 
-ApiReply list_salvos(WebState& state, const ApiRequest&) { return ok(salvos_message(salvo_store(state).salvos())); }
+// A reply made later, on the event loop, which may reject as the handlers do.
+template <typename Make>
+void answer(const ApiRespond& respond, const Make& make) {
+    ApiReply reply;
+    try {
+        reply = make();
+    } catch (const Rejection& rejection) {
+        reply = rejection.reply;
+    }
+    respond(std::move(reply));
+}
 
-ApiReply save_salvo(WebState& state, const ApiRequest& http_request) {
+// What a job on the state file's thread found: its answer, or why there is none.
+template <typename Value>
+struct StoreResult {
+    Value value{};
+    http::status failed = http::status::ok;
+    std::string error;
+};
+
+// Runs `job` on the state file's thread; its StateError is a 500, a limit a
+// 409 (too many) or 413 (too large).
+template <typename Value, typename Job>
+std::function<StoreResult<Value>(StateStore&)> store_job(Job job) {
+    return [job = std::move(job)](StateStore& store) {
+        StoreResult<Value> result;
+        try {
+            result.value = job(store);
+        } catch (const SalvoRefused& e) {
+            result.failed = e.too_many ? http::status::conflict : http::status::payload_too_large;
+            result.error = e.what();
+        } catch (const StateError& e) {
+            result.failed = http::status::internal_server_error;
+            result.error = e.what();
+        }
+        return result;
+    };
+}
+
+template <typename Value>
+void check(const StoreResult<Value>& result) {
+    if (result.failed != http::status::ok) reject(result.failed, result.error);
+}
+
+void list_salvos(WebState& state, const ApiRequest&, const ApiRespond& respond) {
+    salvo_store(state).run<StoreResult<std::vector<Salvo>>>(
+        store_job<std::vector<Salvo>>([](StateStore& store) { return store.salvos(); }),
+        [respond](StoreResult<std::vector<Salvo>> result) {
+            answer(respond, [&] {
+                check(result);
+                return ok(salvos_message(result.value));
+            });
+        });
+}
+
+// The routing as it stands now is what is saved, whenever the file takes it.
+void save_salvo(WebState& state, const ApiRequest& http_request, const ApiRespond& respond) {
     refuse_when_readonly(state);
-    StateStore& store = salvo_store(state);
+    StateWriter& store = salvo_store(state);
     const json request = parse_body(http_request.body);
     const auto name = request.find("name");
     if (name == request.end()) reject(http::status::bad_request, "missing field name", "name");
@@ -205,48 +259,63 @@ ApiReply save_salvo(WebState& state, const ApiRequest& http_request) {
         level = state.router().find_level(number);
         if (!level) reject(http::status::not_found, "no level " + std::to_string(number), "level");
     }
-    const std::string saved = salvo_name(name->get<std::string>(), "name");
-    try {
-        store.save_salvo(saved, state.router(), level);
-    } catch (const StateError& e) {
-        reject(http::status::internal_server_error, e.what());
-    }
-    for (const Salvo& salvo : store.salvos()) {
-        if (salvo.name == saved) return ok(salvo_message(salvo));
-    }
-    return ok(saved_name_message(saved));
+    std::string saved = salvo_name(name->get<std::string>(), "name");
+    store.run<StoreResult<std::vector<Salvo>>>(
+        store_job<std::vector<Salvo>>(
+            [saved, routing = routing_of(state.router(), level)](StateStore& file) {
+                file.save_salvo(saved, routing);
+                return file.salvos();
+            }),
+        [respond, saved](StoreResult<std::vector<Salvo>> result) {
+            answer(respond, [&] {
+                check(result);
+                for (const Salvo& salvo : result.value) {
+                    if (salvo.name == saved) return ok(salvo_message(salvo));
+                }
+                return ok(saved_name_message(saved));
+            });
+        });
 }
 
-ApiReply delete_salvo(WebState& state, const ApiRequest& request) {
+void delete_salvo(WebState& state, const ApiRequest& request, const ApiRespond& respond) {
     refuse_when_readonly(state);
-    const std::string deleted = salvo_name(request.parameters.front(), "name");
-    try {
-        if (!salvo_store(state).delete_salvo(deleted)) reject(http::status::not_found, "no saved routing " + deleted, "name");
-    } catch (const StateError& e) {
-        reject(http::status::internal_server_error, e.what());
-    }
-    return ok(deleted_message(deleted));
+    std::string deleted = salvo_name(request.parameters.front(), "name");
+    salvo_store(state).run<StoreResult<bool>>(
+        store_job<bool>([deleted](StateStore& store) { return store.delete_salvo(deleted); }),
+        [respond, deleted](StoreResult<bool> result) {
+            answer(respond, [&] {
+                check(result);
+                if (!result.value) reject(http::status::not_found, "no saved routing " + deleted, "name");
+                return ok(deleted_message(deleted));
+            });
+        });
 }
 
 // A recall is every crosspoint of the routing taken through the switch queue,
-// in this one event, like a client's takes: locked destinations are refused
-// (and listed), the rest are told to every client on the next frame.
-ApiReply recall_salvo(WebState& state, const ApiRequest& request) {
+// in one event, like a client's takes: locked destinations are refused (and
+// listed), the rest are told to every client on the next frame.
+void recall_salvo(WebState& state, const ApiRequest& request, const ApiRespond& respond) {
     refuse_when_readonly(state);
-    const std::string recalled = salvo_name(request.parameters.front(), "name");
-    const std::vector<SalvoCrosspoint> crosspoints = salvo_store(state).salvo(recalled);
-    if (crosspoints.empty()) reject(http::status::not_found, "no saved routing " + recalled, "name");
-    int applied = 0;
-    std::vector<RefusedCrosspoint> refused_list;
-    for (const SalvoCrosspoint& c : crosspoints) {
-        const Refusal refusal = state.switches().take(kWebClient, c.level, c.source, c.destination);
-        if (refusal == Refusal::none) {
-            ++applied;
-        } else {
-            refused_list.push_back({c, refusal});
-        }
-    }
-    return ok(recall_message(recalled, applied, refused_list));
+    std::string recalled = salvo_name(request.parameters.front(), "name");
+    salvo_store(state).run<StoreResult<std::vector<SalvoCrosspoint>>>(
+        store_job<std::vector<SalvoCrosspoint>>([recalled](StateStore& store) { return store.salvo(recalled); }),
+        [&state, respond, recalled](StoreResult<std::vector<SalvoCrosspoint>> result) {
+            answer(respond, [&] {
+                check(result);
+                if (result.value.empty()) reject(http::status::not_found, "no saved routing " + recalled, "name");
+                int applied = 0;
+                std::vector<RefusedCrosspoint> refused_list;
+                for (const SalvoCrosspoint& c : result.value) {
+                    const Refusal refusal = state.switches().take(kWebClient, c.level, c.source, c.destination);
+                    if (refusal == Refusal::none) {
+                        ++applied;
+                    } else {
+                        refused_list.push_back({c, refusal});
+                    }
+                }
+                return ok(recall_message(recalled, applied, refused_list));
+            });
+        });
 }
 
 ApiReply list_clients(WebState& state, const ApiRequest&) { return ok(state.clients_message()); }
@@ -261,6 +330,12 @@ ApiReply list_events(WebState& state, const ApiRequest& request) {
         after = static_cast<std::uint64_t>(*number);
     }
     return ok(state.events_message(after));
+}
+
+// A handler whose reply is ready when it returns.
+template <ApiReply (*handler)(WebState&, const ApiRequest&)>
+void now(WebState& state, const ApiRequest& request, const ApiRespond& respond) {
+    respond(handler(state, request));
 }
 
 bool is_parameter(std::string_view part) { return part.size() >= 2 && part.front() == '{' && part.back() == '}'; }
@@ -286,14 +361,14 @@ std::optional<std::vector<std::string_view>> match_path(const ApiRoute& route,
 const std::vector<ApiRoute>& api_routes() {
     using http::verb;
     static const std::vector<ApiRoute> routes = {
-        {verb::get, "/api/levels", list_levels, "the levels"},
-        {verb::get, "/api/levels/{level}", show_level, "crosspoints and locks of a level"},
-        {verb::post, "/api/levels/{level}/take", take,
+        {verb::get, "/api/levels", now<list_levels>, "the levels"},
+        {verb::get, "/api/levels/{level}", now<show_level>, "crosspoints and locks of a level"},
+        {verb::post, "/api/levels/{level}/take", now<take>,
          R"(take {"destination":5,"source":3}, or several: {"takes":[{...},...]})"},
-        {verb::post, "/api/levels/{level}/lock", lock, R"(lock or unlock {"destination":5,"locked":true})"},
-        {verb::get, "/api/clients", list_clients, "the connected Leitch clients"},
-        {verb::get, "/api/links", list_links, "the links served, and how they stand"},
-        {verb::get, "/api/events", list_events, "the recent events, or those after ?after=SEQ"},
+        {verb::post, "/api/levels/{level}/lock", now<lock>, R"(lock or unlock {"destination":5,"locked":true})"},
+        {verb::get, "/api/clients", now<list_clients>, "the connected Leitch clients"},
+        {verb::get, "/api/links", now<list_links>, "the links served, and how they stand"},
+        {verb::get, "/api/events", now<list_events>, "the recent events, or those after ?after=SEQ"},
         {verb::get, "/api/salvos", list_salvos, "the saved routings"},
         {verb::post, "/api/salvos", save_salvo, R"(save the routing {"name":"morning"}, or of one level: "level":0)"},
         {verb::delete_, "/api/salvos/{name}", delete_salvo, "delete a saved routing"},
@@ -336,19 +411,20 @@ std::string describe_routes() {
     return text;
 }
 
-ApiReply handle_api(WebState& state, http::verb method, std::string_view target, const std::string& body) {
+void handle_api(WebState& state, http::verb method, std::string_view target, const std::string& body,
+                ApiRespond respond) {
     const std::size_t question = target.find('?');
     const std::string_view path = target.substr(0, question);
     const std::string_view query = question == std::string_view::npos ? std::string_view() : target.substr(question + 1);
     try {
         RouteMatch match = find_route(method, path);
-        if (match.route) return match.route->handler(state, {std::move(match.parameters), query, body});
+        if (match.route) return match.route->handler(state, {std::move(match.parameters), query, body}, respond);
         if (match.path_route)
             reject(http::status::method_not_allowed,
                    "use " + std::string(http::to_string(match.path_route->method)) + " here");
         reject(http::status::not_found, "no such endpoint: " + std::string(path));
     } catch (const Rejection& rejection) {
-        return rejection.reply;
+        respond(rejection.reply);
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,7 +24,12 @@ struct ApiRequest {
     const std::string& body;
 };
 
-using ApiHandler = ApiReply (*)(WebState& state, const ApiRequest& request);
+// Where a handler's reply goes, now or later (after the state file's thread
+// has done its part); called exactly once.
+using ApiRespond = std::function<void(ApiReply)>;
+// `request` lives until the handler returns: what is answered later copies
+// what it needs.
+using ApiHandler = void (*)(WebState& state, const ApiRequest& request, const ApiRespond& respond);
 
 struct ApiRoute {
     boost::beast::http::verb method;
@@ -50,7 +56,7 @@ RouteMatch find_route(boost::beast::http::verb method, std::string_view path);
 std::string describe_routes();
 
 // The HTTP API under /api/: `target` is the request target, query included.
-ApiReply handle_api(WebState& state, boost::beast::http::verb method, std::string_view target,
-                    const std::string& body);
+void handle_api(WebState& state, boost::beast::http::verb method, std::string_view target, const std::string& body,
+                ApiRespond respond);
 
 }  // namespace routerd::web

@@ -102,10 +102,12 @@ void HttpSession::on_read(const boost::system::error_code& ec) {
                      true);
     if (beast::websocket::is_upgrade(request)) return upgrade(std::move(request));
     const bool close_after = !request.keep_alive();
-    write(answer(request), close_after);
+    answer(request, [self = shared_from_this(), close_after](Response response) {
+        self->write(std::move(response), close_after);
+    });
 }
 
-HttpSession::Response HttpSession::answer(const Request& request) {
+void HttpSession::answer(const Request& request, std::function<void(Response)> respond) {
     const std::string_view target(request.target().data(), request.target().size());
     const bool changes = request.method() != http::verb::get && request.method() != http::verb::head;
     const auto origin = request.find(http::field::origin);
@@ -113,21 +115,23 @@ HttpSession::Response HttpSession::answer(const Request& request) {
     if (changes && !origin_allowed(has_origin ? std::string_view(origin->value().data(), origin->value().size()) : "",
                                    has_origin, std::string_view(request[http::field::host].data(),
                                                                 request[http::field::host].size())))
-        return make_response(http::status::forbidden, request.version(), "application/json",
-                             error_message("requests that change the router are accepted only from the page itself",
-                                           "Origin"));
+        return respond(make_response(
+            http::status::forbidden, request.version(), "application/json",
+            error_message("requests that change the router are accepted only from the page itself", "Origin")));
     if (target.rfind("/api/", 0) == 0) {
-        const ApiReply reply = handle_api(state_, request.method(), target, request.body());
-        return make_response(reply.status, request.version(), "application/json", reply.body);
+        return handle_api(state_, request.method(), target, request.body(),
+                          [respond = std::move(respond), version = request.version()](ApiReply reply) {
+                              respond(make_response(reply.status, version, "application/json", reply.body));
+                          });
     }
     const PageFile* file = find_page_file(target.substr(0, target.find('?')));
     if (!file)
-        return make_response(http::status::not_found, request.version(), "application/json",
-                             error_message("not found: " + std::string(target)));
+        return respond(make_response(http::status::not_found, request.version(), "application/json",
+                                     error_message("not found: " + std::string(target))));
     if (request.method() != http::verb::get && request.method() != http::verb::head)
-        return make_response(http::status::method_not_allowed, request.version(), "application/json",
-                             error_message("use GET here"));
-    return make_response(http::status::ok, request.version(), file->content_type, std::string(file->body));
+        return respond(make_response(http::status::method_not_allowed, request.version(), "application/json",
+                                     error_message("use GET here")));
+    respond(make_response(http::status::ok, request.version(), file->content_type, std::string(file->body)));
 }
 
 void HttpSession::upgrade(Request request) {
@@ -155,6 +159,16 @@ void HttpSession::upgrade(Request request) {
 }
 
 void HttpSession::write(Response response, bool close_after) {
+    SwitchQueue& switches = state_.switches();
+    const std::uint64_t frame = switches.tag();
+    if (switches.settled(frame)) return write_now(std::move(response), close_after);
+    auto held = std::make_shared<Response>(std::move(response));
+    switches.when_settled(frame, [self = shared_from_this(), held, close_after] {
+        self->write_now(std::move(*held), close_after);
+    });
+}
+
+void HttpSession::write_now(Response response, bool close_after) {
     if (close_after) response.keep_alive(false);
     response_ = std::make_shared<Response>(std::move(response));
     stream_.expires_after(kRequestTimeout);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,9 +32,12 @@ private:
 
     void do_read();
     void on_read(const boost::system::error_code& ec);
-    Response answer(const Request& request);
+    // Calls `respond` with the answer, now or later.
+    void answer(const Request& request, std::function<void(Response)> respond);
     void upgrade(Request request);
+    // Writes once what the response may show is kept (see SwitchQueue).
     void write(Response response, bool close_after);
+    void write_now(Response response, bool close_after);
     void on_write(const boost::system::error_code& ec, bool close_after);
 
     boost::beast::tcp_stream stream_;

@@ -21,7 +21,7 @@ constexpr std::size_t kFrameBytesPerDestination = 48;
 }  // namespace
 
 WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig& config, Router& router,
-                   SwitchQueue& switches, SessionManager& sessions, const Log& log, StateStore* store,
+                   SwitchQueue& switches, SessionManager& sessions, const Log& log, StateWriter* store,
                    const LinkDirectory& links)
     : executor_(std::move(executor)),
       config_(config.web),
@@ -154,7 +154,41 @@ void WebState::push() {
     locks_.clear();
     pushed_seq_ = activity_.last_seq();
     clients_changed_ = false;
-    for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end())) page->send(message);
+    deliver({switches_.tag(), message, {}, false});
+}
+
+void WebState::greet(const std::shared_ptr<WebSocketSession>& page) {
+    deliver({switches_.tag(), std::make_shared<const std::string>(hello()), page, true});
+}
+
+void WebState::deliver(Held held) {
+    if (held_.empty() && switches_.settled(held.frame)) return hand_out(held);
+    held_.push_back(std::move(held));
+    release();
+}
+
+void WebState::hand_out(const Held& held) {
+    if (held.greeting) {
+        if (const auto page = held.page.lock()) page->greet(held.message);
+        return;
+    }
+    for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end())) page->send(held.message);
+}
+
+// In order: a page hears every message after its greeting, none before.
+void WebState::release() {
+    while (!held_.empty() && switches_.settled(held_.front().frame)) {
+        const Held held = std::move(held_.front());
+        held_.pop_front();
+        hand_out(held);
+    }
+    if (held_.empty() || awaiting_settle_) return;
+    awaiting_settle_ = true;
+    // The state outlives the io_context's run, so the handler may hold `this`.
+    switches_.when_settled(held_.front().frame, [this] {
+        awaiting_settle_ = false;
+        release();
+    });
 }
 
 void WebState::stop_pages() {

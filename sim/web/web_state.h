@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -16,7 +17,7 @@
 #include "sim/links/link_status.h"
 #include "sim/session.h"
 #include "sim/session_manager.h"
-#include "sim/router/state_store.h"
+#include "sim/router/state_writer.h"
 #include "sim/router/switch_queue.h"
 #include "sim/web/activity_log.h"
 #include "sim/web/messages.h"
@@ -29,7 +30,9 @@ class WebSocketSession;
 // the activity log, and the open pages. Changes of one frame are gathered as
 // the router tells them and pushed to every page when the frame ends, in the
 // same event, as one message; events that happen outside a frame (refusals,
-// clients coming and going) are pushed in an event of their own.
+// clients coming and going) are pushed in an event of their own. A message
+// that shows a change not kept yet waits until it is (see SwitchQueue), and
+// so does every message after it, a page's greeting included.
 class WebState final : private RouterObserver, public SwitchWatcher, public SessionWatcher {
 public:
     static constexpr std::size_t kActivityEvents = 300;
@@ -38,7 +41,7 @@ public:
     // --state); `links` the TCP ports and serial ports served. The state
     // watches `switches` and the router while it lives.
     WebState(boost::asio::any_io_executor executor, const SimulatorConfig& config, Router& router,
-             SwitchQueue& switches, SessionManager& sessions, const Log& log, StateStore* store,
+             SwitchQueue& switches, SessionManager& sessions, const Log& log, StateWriter* store,
              const LinkDirectory& links);
     ~WebState();
     WebState(const WebState&) = delete;
@@ -49,7 +52,7 @@ public:
     Router& router() { return router_; }
     SwitchQueue& switches() { return switches_; }
     // The state file, where saved routings live; null without --state.
-    StateStore* store() { return store_; }
+    StateWriter* store() { return store_; }
 
     // The Leitch level a router level is seen as, or -1.
     int leitch_level(int level) const;
@@ -62,6 +65,8 @@ public:
     std::string events_message(std::uint64_t after) const;
     // Everything a page shows, for a page that has just connected.
     std::string hello() const;
+    // Sends the page its hello, after the messages before it.
+    void greet(const std::shared_ptr<WebSocketSession>& page);
 
     // Pages register while open; they are told every frame.
     std::size_t pages() const { return pages_.size(); }
@@ -87,6 +92,17 @@ private:
 
     void push_soon();
     void push();
+
+    // A message waiting for its frame to be kept: for every page, or for one.
+    struct Held {
+        std::uint64_t frame;
+        std::shared_ptr<const std::string> message;
+        std::weak_ptr<WebSocketSession> page;
+        bool greeting;
+    };
+    void deliver(Held held);
+    void hand_out(const Held& held);
+    void release();
     std::vector<const ClientInfo*> clients() const;
     LeitchLevelOf leitch_level_of() const;
 
@@ -94,7 +110,7 @@ private:
     WebConfig config_;
     std::map<int, int> leitch_levels_;  // router level -> the Leitch level clients see it as
     Router& router_;
-    StateStore* store_;
+    StateWriter* store_;
     const LinkDirectory& links_;
     std::vector<LinkStatus> links_seen_;  // at the last push
     SwitchQueue& switches_;
@@ -111,6 +127,8 @@ private:
     bool clients_changed_ = false;
     std::size_t lines_seen_ = 0;                   // lines received by all clients, at the last tick
     bool push_posted_ = false;
+    std::deque<Held> held_;
+    bool awaiting_settle_ = false;
 };
 
 }  // namespace routerd::web

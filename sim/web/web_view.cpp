@@ -7,7 +7,7 @@ namespace routerd::web {
 using boost::asio::ip::tcp;
 
 WebView::WebView(boost::asio::io_context& io, const SimulatorConfig& config, Router& router, SwitchQueue& switches,
-                 SessionManager& sessions, const Log& log, StateStore* store, const LinkDirectory& links)
+                 SessionManager& sessions, const Log& log, StateWriter* store, const LinkDirectory& links)
     : state_(io.get_executor(), config, router, switches, sessions, log, store, links) {
     if (listen_is_off(config.web.listen)) return;
     const tcp::endpoint endpoint = resolve_listen(io, config.web.listen, "serve the web view on");

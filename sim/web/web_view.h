@@ -26,7 +26,7 @@ public:
     // ListenError.
     // `store` is the state file (null without --state).
     WebView(boost::asio::io_context& io, const SimulatorConfig& config, Router& router, SwitchQueue& switches,
-            SessionManager& sessions, const Log& log, StateStore* store, const LinkDirectory& links);
+            SessionManager& sessions, const Log& log, StateWriter* store, const LinkDirectory& links);
 
     // The address served, if the web view is on.
     std::optional<boost::asio::ip::tcp::endpoint> endpoint() const;

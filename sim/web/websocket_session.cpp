@@ -50,8 +50,13 @@ void WebSocketSession::on_accept(const boost::system::error_code& ec) {
     if (ec || closed_) return;
     open_ = true;
     state_.log().client_line("page " + std::to_string(id_) + " connected from " + peer_);
-    send(std::make_shared<const std::string>(state_.hello()));
     do_read();
+    state_.greet(shared_from_this());
+}
+
+void WebSocketSession::greet(const std::shared_ptr<const std::string>& hello) {
+    greeted_ = true;
+    send(hello);
 }
 
 void WebSocketSession::do_read() {
@@ -75,7 +80,7 @@ void WebSocketSession::on_read(const boost::system::error_code& ec) {
 }
 
 void WebSocketSession::send(const std::shared_ptr<const std::string>& message) {
-    if (!open_) return;
+    if (!open_ || !greeted_) return;
     if (queued_bytes_ + message->size() > state_.page_queue_bound() && !queue_.empty()) {
         return close("more than " + with_thousands(state_.page_queue_bound()) +
                      " bytes waiting (page does not read)");

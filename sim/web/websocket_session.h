@@ -25,6 +25,8 @@ public:
     ~WebSocketSession();
 
     void run(boost::beast::http::request<boost::beast::http::string_body> request);
+    // The page's first message; what is sent before it is not for this page.
+    void greet(const std::shared_ptr<const std::string>& hello);
     void send(const std::shared_ptr<const std::string>& message);
     void close(const std::string& reason);
     void check_stalled(std::chrono::steady_clock::time_point now);
@@ -44,6 +46,7 @@ private:
     std::deque<std::shared_ptr<const std::string>> queue_;
     std::size_t queued_bytes_ = 0;
     bool open_ = false;  // accepted, not closed
+    bool greeted_ = false;
     bool closed_ = false;
     bool writing_ = false;
     std::chrono::steady_clock::time_point write_started_;

@@ -10,8 +10,9 @@
 namespace routerd {
 namespace {
 
-// What the next gathered write would send.
+// What the next gathered write would send, everything being handed over.
 std::string front(OutputQueue& queue) {
+    queue.hand_over();
     std::string out;
     for (const auto& buffer : queue.front_buffers())
         out.append(static_cast<const char*>(buffer.data()), buffer.size());
@@ -40,8 +41,25 @@ TEST(RouterdOutputQueue, AGatheredWriteSendsTheBytesInOrderAcrossBlocks) {
 TEST(RouterdOutputQueue, OneWriteGathersAtMostSixteenBlocks) {
     OutputQueue queue;
     queue.append(std::string(OutputQueue::kBlockBytes * 20, 'y'));
+    queue.hand_over();
     EXPECT_EQ(queue.front_buffers().size(), 16u);
     EXPECT_EQ(front(queue).size(), OutputQueue::kBlockBytes * 16);
+}
+
+TEST(RouterdOutputQueue, AWriteSendsNoMoreThanWasHandedOver) {
+    OutputQueue queue;
+    const std::string big(OutputQueue::kBlockBytes + 10, 'z');
+    queue.append("ab");
+    queue.append(big);
+    queue.hand_over(OutputQueue::kBlockBytes + 5);
+    std::string out;
+    for (const auto& buffer : queue.front_buffers())
+        out.append(static_cast<const char*>(buffer.data()), buffer.size());
+    EXPECT_EQ(out, "ab" + big.substr(0, OutputQueue::kBlockBytes + 3));
+    queue.consume(out.size());
+    EXPECT_EQ(queue.handed(), 0u);
+    EXPECT_TRUE(queue.front_buffers().empty());
+    EXPECT_EQ(front(queue), big.substr(OutputQueue::kBlockBytes + 3));
 }
 
 TEST(RouterdOutputQueue, RandomAppendsAndWritesMatchAString) {

@@ -68,7 +68,7 @@ protected:
         const std::string before = bytes_of(path());
         std::string message;
         try {
-            StateStore store(path(), kLevels, false, log_);
+            StateStore store(path(), kLevels, false, notes());
             ADD_FAILURE() << "the file was accepted";
         } catch (const StateError& e) {
             message = e.what();
@@ -78,10 +78,14 @@ protected:
     }
     // A store that has kept one take and one lock, closed again.
     void make_ours() {
-        StateStore store(path(), kLevels, false, log_);
+        StateStore store(path(), kLevels, false, notes());
         Router router(kLevels);
         store.restore_into(router);
         store.keep({{PublishedChange::crosspoint, 0, 2, 5}, {PublishedChange::lock, 1, 3, 1}});
+    }
+
+    StateStore::Notes notes() {
+        return [this](const std::string& line) { log_.info(line); };
     }
 
     fs::path directory_;
@@ -96,7 +100,7 @@ TEST_F(StateFile, ANewFileIsMarkedAsOurs) {
 
 TEST_F(StateFile, OurOwnFileIsTakenAgainWithWhatItHolds) {
     make_ours();
-    StateStore store(path(), kLevels, false, log_);
+    StateStore store(path(), kLevels, false, notes());
     Router router(kLevels);
     EXPECT_TRUE(store.restore_into(router));
     EXPECT_EQ(router.source_of(0, 2), 5);
@@ -141,7 +145,7 @@ TEST_F(StateFile, OurFileFromBeforeTheMarkIsTakenAndMarked) {
                       " state INTEGER NOT NULL, PRIMARY KEY (level, destination)) WITHOUT ROWID;"
                       "INSERT INTO levels VALUES (0, 8, 4), (1, 8, 4); INSERT INTO crosspoints VALUES (0, 1, 7);");
     {
-        StateStore store(path(), kLevels, false, log_);
+        StateStore store(path(), kLevels, false, notes());
         Router router(kLevels);
         EXPECT_TRUE(store.restore_into(router));
         EXPECT_EQ(router.source_of(0, 1), 7);
@@ -171,7 +175,7 @@ TEST_F(StateFile, ACrosspointOutsideTheRouterIsRefusedUntouched) {
 TEST_F(StateFile, FreshStateTakesATamperedFileOfOursAfresh) {
     make_ours();
     write_with_sqlite(path(), "UPDATE locks SET state = 99");
-    StateStore store(path(), kLevels, true, log_);
+    StateStore store(path(), kLevels, true, notes());
     Router router(kLevels);
     EXPECT_FALSE(store.restore_into(router));
     EXPECT_EQ(router.lock_of(1, 3), 0);

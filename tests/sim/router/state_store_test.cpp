@@ -99,7 +99,8 @@ protected:
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs to fill needs root";
         if (!disk_.why_not().empty()) GTEST_SKIP() << "cannot mount a small tmpfs to fill: " << disk_.why_not();
-        store_ = std::make_unique<StateStore>(file(), kLevels, false, log_);
+        store_ = std::make_unique<StateStore>(file(), kLevels, false,
+                                              [this](const std::string& line) { log_.info(line); });
         Router router(kLevels);
         ASSERT_FALSE(store_->restore_into(router));  // a new file: it stores the router's
         ASSERT_TRUE(disk_.fill());
@@ -121,7 +122,7 @@ protected:
     Router reopened() {
         store_.reset();
         Router router(kLevels);
-        StateStore store(file(), kLevels, false, log_);
+        StateStore store(file(), kLevels, false, [this](const std::string& line) { log_.info(line); });
         EXPECT_TRUE(store.restore_into(router));
         return router;
     }

@@ -6,8 +6,11 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <memory>
+#include <optional>
 #include <sstream>
 #include <regex>
 #include <set>
@@ -134,12 +137,31 @@ protected:
     explicit Api(bool readonly = false, StateStore* store = nullptr)
         : config_(small_router(readonly)),
           router_(config_.levels),
-          state_(io_.get_executor(), config_, router_, switches_, sessions_, log_, store, links_) {}
-
-    ApiReply get(const std::string& target) { return handle_api(state_, http::verb::get, target, ""); }
-    ApiReply post(const std::string& target, const std::string& body) {
-        return handle_api(state_, http::verb::post, target, body);
+          writer_(store ? std::make_unique<StateWriter>(
+                              *store, io_.get_executor(), [this](std::uint64_t frame) { switches_.settle(frame); },
+                              log_)
+                        : nullptr),
+          state_(io_.get_executor(), config_, router_, switches_, sessions_, log_, writer_.get(), links_) {
+        switches_.set_journal(writer_.get());
     }
+
+    // The reply, once there is one: saved routings are answered after the
+    // state file's thread has done its part.
+    ApiReply call(http::verb method, const std::string& target, const std::string& body) {
+        std::optional<ApiReply> reply;
+        handle_api(state_, method, target, body, [&](ApiReply answer) { reply = std::move(answer); });
+        const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!reply && std::chrono::steady_clock::now() < give_up) {
+            io_.restart();
+            io_.run_one_for(std::chrono::milliseconds(100));
+        }
+        // The frames the request made are told, as the event loop would.
+        io_.restart();
+        io_.poll();
+        return reply.value_or(ApiReply{http::status::gateway_timeout, "no reply"});
+    }
+    ApiReply get(const std::string& target) { return call(http::verb::get, target, ""); }
+    ApiReply post(const std::string& target, const std::string& body) { return call(http::verb::post, target, body); }
     static std::string without_times(const std::string& text) {
         return std::regex_replace(text, std::regex("\"time\":[0-9]+"), "\"time\":T");
     }
@@ -152,6 +174,7 @@ protected:
     Router router_;
     SessionManager sessions_{io_.get_executor()};
     SwitchQueue switches_{io_.get_executor(), router_, refusals_, [] {}};
+    std::unique_ptr<StateWriter> writer_;
     WebState state_;
 };
 
@@ -215,7 +238,7 @@ TEST_F(Api, UnknownLevelsPathsAndMethods) {
     expect_reply(get("/api/levels/x?y"), http::status::not_found, R"({"error":"no level x","field":"level"})");
     expect_reply(get("/api/nothing?x=1"), http::status::not_found, R"({"error":"no such endpoint: /api/nothing"})");
     expect_reply(get("/api/levels/0/take"), http::status::method_not_allowed, R"({"error":"use POST here"})");
-    expect_reply(handle_api(state_, http::verb::put, "/api/salvos", ""), http::status::method_not_allowed,
+    expect_reply(call(http::verb::put, "/api/salvos", ""), http::status::method_not_allowed,
                  R"({"error":"use GET here"})");
 }
 
@@ -271,7 +294,9 @@ protected:
     };
     RemovedAtEnd file_{::testing::TempDir() + "web_routes_" + std::to_string(::getpid()) + ".db"};
     Log store_log_;
-    StateStore store_{file_.path, small_router(false).levels, true, store_log_};
+    StateStore store_{file_.path, small_router(false).levels, true, [this](const std::string& line) {
+                          store_log_.info(line);
+                      }};
 };
 
 class SalvoApi : private StoredRoutings, public Api {
@@ -291,7 +316,7 @@ TEST_F(SalvoApi, SaveListRecallAndDelete) {
                  R"({"applied":2,"name":"video",)"
                  R"("refused":[{"destination":0,"level":0,"reason":"destination locked","source":0}]})");
     EXPECT_EQ(router_.source_of(0, 2), 1);
-    expect_reply(handle_api(state_, http::verb::delete_, "/api/salvos/video", ""), http::status::ok,
+    expect_reply(call(http::verb::delete_, "/api/salvos/video", ""), http::status::ok,
                  R"({"deleted":"video"})");
     expect_reply(post("/api/salvos/video/recall", ""), http::status::not_found,
                  R"({"error":"no saved routing video","field":"name"})");
