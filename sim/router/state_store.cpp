@@ -1,6 +1,7 @@
 #include "sim/router/state_store.h"
 
 #include <sqlite3.h>
+#include <sys/statvfs.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -39,6 +40,13 @@ Header read_header(const std::string& path) {
     header.application_id = big_endian(bytes + 68);
     return header;
 }
+
+// What a saved routing takes on disk, at most: its crosspoints' rows with the
+// name, in pages not quite full (about 15 bytes a row in practice), and the
+// pages above them. And the room kept spare on the disk when routings are saved.
+constexpr std::uint64_t kBytesPerSavedCrosspoint = 32;
+constexpr std::uint64_t kBytesPerSavedRouting = 8 * 1024;
+constexpr std::uint64_t kSpareBytes = 128 * 1024;
 
 std::string hex(std::uint32_t number) {
     char text[16];
@@ -387,7 +395,34 @@ std::map<std::string, std::size_t>& StateStore::salvo_sizes() {
     return *salvo_sizes_;
 }
 
+// Bytes the disk has free, and bytes of free pages inside the file.
+StateStore::Room StateStore::room() const {
+    Room room;
+    struct statvfs disk {};
+    if (statvfs(path_.c_str(), &disk) == 0) room.disk = std::uint64_t{disk.f_bavail} * disk.f_frsize;
+    Statement free_pages(db_, "PRAGMA freelist_count");
+    Statement page_size(db_, "PRAGMA page_size");
+    if (free_pages.ok() && page_size.ok() && sqlite3_step(free_pages.get()) == SQLITE_ROW &&
+        sqlite3_step(page_size.get()) == SQLITE_ROW)
+        room.in_file = std::uint64_t(sqlite3_column_int64(free_pages.get(), 0)) *
+                       std::uint64_t(sqlite3_column_int64(page_size.get(), 0));
+    return room;
+}
+
 void StateStore::save_salvo(const std::string& name, const std::vector<SalvoCrosspoint>& crosspoints) {
+    // A routing that commits but cannot be moved from the log into the
+    // database, for want of room to grow it, would stop every commit after
+    // it. So a routing that makes the file grow is saved only with room on
+    // the disk for it twice (the log, then the database) and some to spare,
+    // which keeps the crosspoints' commits going whatever routings are
+    // saved. One that fits in pages freed by deleted routings needs no more.
+    const Room free = room();
+    const std::uint64_t size = crosspoints.size() * kBytesPerSavedCrosspoint + kBytesPerSavedRouting;
+    const std::uint64_t growth = size > free.in_file ? size - free.in_file : 0;
+    if (growth > 0 && free.disk < 2 * growth + kSpareBytes)
+        throw StateFull(path_ + ": cannot save the routing " + name + ": not enough room on the disk (" +
+                        std::to_string((2 * growth + kSpareBytes) / 1024) + " KiB needed with what is kept spare, " +
+                        std::to_string(free.disk / 1024) + " KiB free)");
     std::map<std::string, std::size_t>& sizes = salvo_sizes();
     const auto existing = sizes.find(name);
     if (existing == sizes.end() && sizes.size() >= limits_.max_salvos) {
@@ -404,9 +439,24 @@ void StateStore::save_salvo(const std::string& name, const std::vector<SalvoCros
                            false);
     }
     std::string reason;
-    if (!commit_transaction(db_, [&] { return write_salvo(db_, name, crosspoints); }, reason))
-        throw StateError(path_ + ": cannot save the routing " + name + ": " + reason);
+    if (!commit_transaction(db_, [&] { return write_salvo(db_, name, crosspoints); }, reason)) {
+        checkpoint();
+        const std::string message = path_ + ": cannot save the routing " + name + ": " + reason;
+        if (reason.find("full") != std::string::npos) throw StateFull(message);
+        throw StateError(message);
+    }
     sizes[name] = crosspoints.size();
+    checkpoint();
+}
+
+// Routings are the only writes that make the file grow. Moving them from the
+// log into the database at once keeps the log small, and a log that has been
+// moved whole is written again from its start: on a disk that a routing has
+// filled, the crosspoints are still committed, and a routing can still be
+// deleted, in the log's own space. Pages a deleted routing freed are taken by
+// the next one saved.
+void StateStore::checkpoint() {
+    sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
 
 std::vector<Salvo> StateStore::salvos() const {
@@ -428,6 +478,7 @@ bool StateStore::delete_salvo(const std::string& name) {
     if (!forget.run({})) throw StateError(path_ + ": cannot delete the routing " + name + ": " + sqlite3_errmsg(db_));
     const bool deleted = sqlite3_changes(db_) > 0;
     salvo_sizes().erase(name);
+    checkpoint();
     return deleted;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -23,6 +24,12 @@ namespace routerd {
 class StateError : public StartupError {
 public:
     explicit StateError(const std::string& what) : StartupError(what, "state error: ") {}
+};
+
+// The disk holding the state file is full.
+class StateFull : public StateError {
+public:
+    using StateError::StateError;
 };
 
 // A saved routing: the crosspoints of one level or of all levels, under a name.
@@ -107,6 +114,12 @@ private:
     std::string describe_levels() const;
     std::map<std::string, std::size_t>& salvo_sizes();
     void fail_commit(const std::string& reason);
+    void checkpoint();
+    struct Room {
+        std::uint64_t disk = 0;
+        std::uint64_t in_file = 0;
+    };
+    Room room() const;
 
     std::string path_;
     Notes notes_;

@@ -210,8 +210,8 @@ struct StoreResult {
     std::string error;
 };
 
-// Runs `job` on the state file's thread; its StateError is a 500, a limit a
-// 409 (too many) or 413 (too large).
+// Runs `job` on the state file's thread; its StateError is a 500 (507 for a
+// full disk), a limit a 409 (too many) or 413 (too large).
 template <typename Value, typename Job>
 std::function<StoreResult<Value>(StateStore&)> store_job(Job job) {
     return [job = std::move(job)](StateStore& store) {
@@ -220,6 +220,9 @@ std::function<StoreResult<Value>(StateStore&)> store_job(Job job) {
             result.value = job(store);
         } catch (const SalvoRefused& e) {
             result.failed = e.too_many ? http::status::conflict : http::status::payload_too_large;
+            result.error = e.what();
+        } catch (const StateFull& e) {
+            result.failed = http::status::insufficient_storage;
             result.error = e.what();
         } catch (const StateError& e) {
             result.failed = http::status::internal_server_error;

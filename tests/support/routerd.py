@@ -23,12 +23,13 @@ class Routerd:
     """leitch-routerd as a child process, started with "--listen LISTEN" and
     "--http HTTP" (each left out when None; a later one in `args` wins), then
     `args`. It has started once it has printed `announced` lines (by default
-    the listener and, when served, the web view); killed when closed."""
+    the listener and, when served, the web view); killed when closed. A
+    `prefix` runs it through another program (which must exec it in place)."""
 
-    def __init__(self, *args, http="127.0.0.1:0", listen="127.0.0.1:0", announced=None):
+    def __init__(self, *args, http="127.0.0.1:0", listen="127.0.0.1:0", announced=None, prefix=()):
         self.directory = tempfile.mkdtemp(prefix="routerd-test-")
         self.log_path = os.path.join(self.directory, "stderr")
-        command = [ROUTERD]
+        command = list(prefix) + [ROUTERD]
         if listen is not None:
             command += ["--listen", listen]
         if http is not None:

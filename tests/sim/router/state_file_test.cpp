@@ -183,3 +183,66 @@ TEST_F(StateFile, FreshStateTakesATamperedFileOfOursAfresh) {
 
 }  // namespace
 }  // namespace routerd
+
+namespace routerd {
+namespace {
+
+std::vector<SalvoCrosspoint> routing(std::size_t crosspoints) {
+    std::vector<SalvoCrosspoint> list;
+    for (std::size_t i = 0; i < crosspoints; ++i) list.push_back({static_cast<int>(i / 4), static_cast<int>(i % 4), 1});
+    return list;
+}
+
+std::string refusal_of(StateStore& store, const std::string& name, std::size_t crosspoints, bool& too_many) {
+    try {
+        store.save_salvo(name, routing(crosspoints));
+    } catch (const SalvoRefused& e) {
+        too_many = e.too_many;
+        return e.what();
+    }
+    return "saved";
+}
+
+TEST_F(StateFile, RoutingsPastTheirNumberAreRefusedAndOneSavedAgainIsReplaced) {
+    StateStore store(path(), kLevels, false, notes(), {2, 100});
+    store.save_salvo("a", routing(4));
+    store.save_salvo("b", routing(4));
+    bool too_many = false;
+    EXPECT_EQ(refusal_of(store, "c", 4, too_many),
+              "already 2 saved routings, the most the state file keeps (max_salvos): delete one, or save under "
+              "the name of one");
+    EXPECT_TRUE(too_many);
+    EXPECT_EQ(refusal_of(store, "b", 8, too_many), "saved");
+    EXPECT_TRUE(store.delete_salvo("a"));
+    EXPECT_EQ(refusal_of(store, "c", 4, too_many), "saved");
+    EXPECT_EQ(store.salvo("b").size(), 8u);
+}
+
+TEST_F(StateFile, RoutingsPastTheirCrosspointBoundAreRefused) {
+    StateStore store(path(), kLevels, false, notes(), {1000, 10});
+    store.save_salvo("a", routing(6));
+    bool too_many = true;
+    EXPECT_EQ(refusal_of(store, "b", 5, too_many),
+              "the saved routings would hold 11 crosspoints, more than the state file keeps (10, "
+              "max_salvo_crosspoints): delete one");
+    EXPECT_FALSE(too_many);
+    EXPECT_EQ(refusal_of(store, "b", 4, too_many), "saved");
+    // Replacing one counts its new size, not both.
+    EXPECT_EQ(refusal_of(store, "a", 6, too_many), "saved");
+    EXPECT_EQ(store.salvos().size(), 2u);
+}
+
+TEST_F(StateFile, TheBoundsCountTheRoutingsAlreadyInTheFile) {
+    {
+        StateStore store(path(), kLevels, false, notes(), {2, 100});
+        store.save_salvo("a", routing(4));
+        store.save_salvo("b", routing(4));
+    }
+    StateStore store(path(), kLevels, false, notes(), {2, 100});
+    bool too_many = false;
+    EXPECT_NE(refusal_of(store, "c", 4, too_many), "saved");
+    EXPECT_TRUE(too_many);
+}
+
+}  // namespace
+}  // namespace routerd

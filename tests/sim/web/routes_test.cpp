@@ -286,6 +286,10 @@ TEST_F(ReadOnlyApi, ChangesAreRefused) {
 // A fresh state file for each test, removed once it is closed.
 class StoredRoutings {
 protected:
+    explicit StoredRoutings(SalvoLimits limits = {})
+        : store_{file_.path, small_router(false).levels, true,
+                 [this](const std::string& line) { store_log_.info(line); }, limits} {}
+
     struct RemovedAtEnd {
         std::string path;
         ~RemovedAtEnd() {
@@ -294,9 +298,7 @@ protected:
     };
     RemovedAtEnd file_{::testing::TempDir() + "web_routes_" + std::to_string(::getpid()) + ".db"};
     Log store_log_;
-    StateStore store_{file_.path, small_router(false).levels, true, [this](const std::string& line) {
-                          store_log_.info(line);
-                      }};
+    StateStore store_;
 };
 
 class SalvoApi : private StoredRoutings, public Api {
@@ -320,6 +322,35 @@ TEST_F(SalvoApi, SaveListRecallAndDelete) {
                  R"({"deleted":"video"})");
     expect_reply(post("/api/salvos/video/recall", ""), http::status::not_found,
                  R"({"error":"no saved routing video","field":"name"})");
+}
+
+// At most two routings, of at most 6 crosspoints together.
+class BoundedSalvoApi : private StoredRoutings, public Api {
+protected:
+    BoundedSalvoApi() : StoredRoutings(SalvoLimits{2, 6}), Api(false, &store_) {}
+};
+
+TEST_F(BoundedSalvoApi, PastTheNumberOfRoutingsASaveIsAConflict) {
+    expect_reply(post("/api/salvos", R"({"name":"one","level":1})"), http::status::ok,
+                 R"({"crosspoints":1,"levels":[1],"name":"one"})");
+    expect_reply(post("/api/salvos", R"({"name":"two","level":1})"), http::status::ok,
+                 R"({"crosspoints":1,"levels":[1],"name":"two"})");
+    expect_reply(post("/api/salvos", R"({"name":"three","level":1})"), http::status::conflict,
+                 R"({"error":"already 2 saved routings, the most the state file keeps (max_salvos): delete one, )"
+                 R"(or save under the name of one"})");
+    expect_reply(post("/api/salvos", R"({"name":"two","level":0})"), http::status::ok,
+                 R"({"crosspoints":3,"levels":[0],"name":"two"})");
+}
+
+TEST_F(BoundedSalvoApi, PastTheirCrosspointsASaveIsTooLarge) {
+    expect_reply(post("/api/salvos", R"({"name":"all"})"), http::status::ok,
+                 R"({"crosspoints":4,"levels":[0,1],"name":"all"})");
+    expect_reply(post("/api/salvos", R"({"name":"video","level":0})"), http::status::payload_too_large,
+                 R"({"error":"the saved routings would hold 7 crosspoints, more than the state file keeps (6, )"
+                 R"(max_salvo_crosspoints): delete one"})");
+    expect_reply(call(http::verb::delete_, "/api/salvos/all", ""), http::status::ok, R"({"deleted":"all"})");
+    expect_reply(post("/api/salvos", R"({"name":"video","level":0})"), http::status::ok,
+                 R"({"crosspoints":3,"levels":[0],"name":"video"})");
 }
 
 }  // namespace
