@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite on a fresh Debian machine: installs what is missing,
 # then builds and runs every test twice, in the normal build and under
-# AddressSanitizer + UndefinedBehaviorSanitizer, and fuzzes the plug-in for a
+# AddressSanitizer + UndefinedBehaviorSanitizer, runs the state file's tests
+# under ThreadSanitizer, and fuzzes the plug-in for a
 # bounded time (LEITCH_FUZZ_SECONDS, 120 unless set) and the transcript parser
 # (LEITCH_PARSER_FUZZ_SECONDS, 30). Any finding fails the run,
 # and so does any compiler warning (LEITCH_WARNINGS_AS_ERRORS).
@@ -49,6 +50,12 @@ for preset in default sanitize; do
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$jobs"
 done
+
+# The one place with two threads: the event loop and the state file's writer.
+begin "ThreadSanitizer build and the state file's tests"
+cmake --preset tsan -DLEITCH_WARNINGS_AS_ERRORS=ON
+cmake --build --preset tsan -j "$jobs"
+ctest --preset tsan -j "$jobs"
 
 begin "fuzz build"
 cmake --preset fuzz -DLEITCH_WARNINGS_AS_ERRORS=ON

@@ -286,14 +286,16 @@
     return true;
   }
 
-  // The TCP ports and serial ports served; a serial port that is away says why.
+  // The TCP ports and serial ports served, and the state file; a serial port
+  // that is away, or a state file that does not take the changes, says why.
   function renderLinks() {
     const body = $('links').tBodies[0];
     body.textContent = '';
     for (const link of state.links) {
       const row = body.insertRow();
       row.dataset.link = link.where;
-      const status = link.up ? (link.kind === 'serial' ? 'open' : 'listening') : (link.problem || 'closed') + ', retrying';
+      const upText = {serial: 'open', state: 'saved'}[link.kind] || 'listening';
+      const status = link.up ? upText : (link.problem || 'closed') + ', retrying';
       for (const text of [link.kind, link.where, link.settings || '-', status]) row.insertCell().textContent = text;
       if (!link.up) row.cells[3].className = 'down';
     }
