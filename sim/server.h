@@ -59,6 +59,7 @@ private:
     RefusalLog refusals_;
     Router router_;
     std::unique_ptr<StateStore> state_;  // --state: kept before clients are told
+    std::unique_ptr<RecordDirectory> recordings_;  // --record; declared before the sessions that record to it
     SessionManager sessions_;
     SwitchQueue switches_;
     SessionContext context_;
