@@ -64,6 +64,11 @@ void declare_options(CLI::App& app, CommandLine& options, std::string& config_pa
     app.add_option("-r,--record", options.record_directory,
                    "write every client link's session to a transcript file in this directory "
                    "(play it back with leitch-replay)");
+    app.add_option("--record-max-total-bytes", options.record_max_total_bytes,
+                   "bound on the bytes of all the recordings in the record directory, those already there "
+                   "included; when it is reached, sessions are not recorded until the recordings take three "
+                   "quarters of it or less (default 268435456)")
+        ->check(CLI::Range(std::size_t{1024}, std::size_t{1} << 40));
     app.set_version_flag("--version", std::string("leitch-routerd ") + LEITCH_ROUTERD_VERSION);
 }
 
@@ -126,6 +131,7 @@ void apply_command_line(SimulatorConfig& config, const CommandLine& options) {
     if (options.http_readonly) config.web.readonly = true;
     if (config.plugin_path.empty()) config.plugin_path = options.default_plugin_path;
     if (!options.record_directory.empty()) config.record.directory = options.record_directory;
+    if (options.record_max_total_bytes) config.record.max_total_bytes = *options.record_max_total_bytes;
     if (!options.state_file.empty()) config.state_file = options.state_file;
     config.fresh_state = options.fresh_state;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <variant>
@@ -21,6 +22,7 @@ struct CommandLine {
     std::string state_file;
     bool fresh_state = false;
     std::string record_directory;
+    std::optional<std::size_t> record_max_total_bytes;
     // Where this copy of the program finds its plug-in and its configuration
     // when neither an option nor the file names one.
     std::string default_plugin_path;

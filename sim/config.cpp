@@ -295,10 +295,13 @@ public:
     }
 
     void record(const toml::table& record, SimulatorConfig& config) const {
-        only_known_keys(record, "record.", {"directory", "max_bytes"});
+        only_known_keys(record, "record.", {"directory", "max_bytes", "max_total_bytes"});
         if (const toml::node* n = record.get("directory")) config.record.directory = string(*n, "record.directory");
         if (const toml::node* n = record.get("max_bytes"))
             config.record.max_bytes = static_cast<std::size_t>(integer(*n, "record.max_bytes", 1024, std::int64_t{1} << 40));
+        if (const toml::node* n = record.get("max_total_bytes"))
+            config.record.max_total_bytes =
+                static_cast<std::size_t>(integer(*n, "record.max_total_bytes", 1024, std::int64_t{1} << 40));
     }
 
     void plugin(const toml::table& plugin, SimulatorConfig& config) const {

@@ -5,8 +5,8 @@
 namespace routerd {
 
 void Converter::create(Interface& link, const std::string& peer) {
-    if (!context_.record.directory.empty()) {
-        recording_ = LinkRecording::open(context_.record, client_, peer, context_.log);
+    if (context_.recordings) {
+        recording_ = context_.recordings->open(client_, peer);
         driver_.record_to(recording_.get());
     }
     instance_ = context_.plugin->create(link);

@@ -21,6 +21,11 @@ namespace {
 
 std::string time_stamp() { return local_time("%Y-%m-%d %H:%M:%S") + " "; }
 
+// While a log captures standard error: the real one, and the read end of the
+// pipe; -1 otherwise. One log captures at a time.
+int real_standard_error = -1;
+int captured_standard_error = -1;
+
 // systemd names the journal's stream in JOURNAL_STREAM ("device:inode"); when
 // standard error is still that stream, the journal stamps every line itself.
 bool standard_error_is_the_journal() {
@@ -51,6 +56,8 @@ bool Log::capture_standard_error() {
     ::close(pipe_fds[1]);
     fd_ = real;
     captured_fd_ = pipe_fds[0];
+    real_standard_error = real;
+    captured_standard_error = captured_fd_;
     return true;
 }
 
@@ -58,6 +65,7 @@ Log::~Log() {
     if (captured_fd_ < 0) return;
     flush();
     // Whatever is written from now on goes to the real standard error again.
+    real_standard_error = captured_standard_error = -1;
     ::dup2(fd_, STDERR_FILENO);
     ::close(captured_fd_);
     ::close(fd_);
@@ -165,6 +173,20 @@ void RefusalLog::end_second() {
                   " refused (" + reason + ") in the last second");
     }
     counts_.clear();
+}
+
+void give_back_standard_error() {
+    if (real_standard_error < 0) return;
+    // What the plug-in wrote last, not read yet, came before: it goes first, as it was written.
+    char chunk[4096];
+    ssize_t n;
+    while ((n = ::read(captured_standard_error, chunk, sizeof chunk)) > 0) {
+        for (ssize_t done = 0, written; done < n; done += written) {
+            written = ::write(real_standard_error, chunk + done, static_cast<std::size_t>(n - done));
+            if (written <= 0) break;
+        }
+    }
+    ::dup2(real_standard_error, STDERR_FILENO);
 }
 
 std::string client_name(int client) { return client == 0 ? "web" : "client " + std::to_string(client); }

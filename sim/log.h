@@ -72,6 +72,14 @@ private:
     mutable std::size_t client_lines_skipped_ = 0;  // this second
 };
 
+// Puts the real standard error back on descriptor 2 while a log captures it,
+// for a report written as the process dies (a sanitizer's, see
+// sanitizer_hooks.cpp): written into the log's pipe, which only the event
+// loop reads, it would end with the process unread. What waits in the pipe
+// is written out first, without time stamps. Only system calls: callable
+// from anywhere, a signal handler included.
+void give_back_standard_error();
+
 // "client 3" for a Leitch client, "web" for the web view (client 0).
 std::string client_name(int client);
 

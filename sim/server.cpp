@@ -63,13 +63,14 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
     : log_(log),
       refusals_(log),
       router_(build_router(config)),
+      recordings_(config.record.directory.empty() ? nullptr : std::make_unique<RecordDirectory>(config.record, log)),
       sessions_(io_.get_executor()),
       switches_(io_.get_executor(), router_, refusals_, [this] {
           sessions_.flush_waiting();
           web_->frame_done();
       }),
       context_{std::move(plugin), config.converter, router_, switches_, sessions_, log_, refusals_,
-               config.limits, config.record, output_bound(config.limits, config.levels),
+               config.limits, recordings_.get(), output_bound(config.limits, config.levels),
                report_room(config.limits, config.levels)},
       signals_(io_, SIGINT, SIGTERM),
       other_signals_(io_),

@@ -65,6 +65,7 @@ private:
     Router router_;
     std::unique_ptr<StateStore> state_;  // --state
     std::unique_ptr<StateWriter> state_writer_;  // commits to state_, off the event loop
+    std::unique_ptr<RecordDirectory> recordings_;  // --record; declared before the sessions that record to it
     SessionManager sessions_;
     SwitchQueue switches_;
     SessionContext context_;

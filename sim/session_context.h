@@ -27,7 +27,7 @@ struct SessionContext {
     const Log& log;
     RefusalLog& refusals;
     Limits limits;
-    RecordSettings record;
+    RecordDirectory* recordings;  // --record: where links are recorded; null: nowhere
     std::size_t output_bound;  // the most one event may leave waiting for a client (see limits.h)
     std::size_t report_room;   // router reports that may wait besides a client's own answers
     SessionWatcher* watcher = nullptr;

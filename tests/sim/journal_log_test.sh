@@ -3,10 +3,11 @@
 # error is the stream systemd names in JOURNAL_STREAM (the journal stamps lines
 # itself).
 #
-#   journal_log_test.sh PATH-TO-leitch-routerd
+#   journal_log_test.sh PATH-TO-leitch-routerd PATH-TO-no_sanitizer_report.sh
 set -euo pipefail
 
 routerd=$1
+check=$2
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 stamp='^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3} '
@@ -22,7 +23,10 @@ run() {  # run LOGFILE [ENV...]: starts, waits for "listening on", stops with SI
     sleep 0.05
   done
   kill -TERM "$pid"
-  wait "$pid"
+  local status=0
+  wait "$pid" || status=$?
+  bash "$check" "$log"
+  [ "$status" -eq 0 ] || { cat "$log"; echo "exit status $status"; exit 1; }
 }
 
 run "$dir/plain.log"

@@ -11,6 +11,7 @@
 #include <memory>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "support/routerd.h"
 #include "support/child_process.h"
@@ -180,6 +181,138 @@ TEST_F(RecordingTest, ARecordingStopsAtItsBoundAndWhatWasWrittenStillPlays) {
     EXPECT_GT(fs::file_size(files[0]), 1024u);
     const ProgramRun replay = run_program(LEITCH_REPLAY_PATH, {"--plugin", LEITCH_PLUGIN_PATH, files[0]});
     EXPECT_EQ(replay.code, 0) << replay.output;
+}
+
+// The bytes of the files in `directory` whose names are the simulator's recordings'.
+std::uintmax_t recordings_total(const fs::path& directory) {
+    std::uintmax_t total = 0;
+    for (const auto& entry : fs::directory_iterator(directory)) {
+        if (entry.path().filename().string().find("-client") != std::string::npos) total += entry.file_size();
+    }
+    return total;
+}
+
+// The recordings this run wrote: the files that start with the recording's first line.
+std::vector<std::string> written_recordings(const fs::path& directory) {
+    std::vector<std::string> files;
+    for (const std::string& file : recordings(directory.string()))
+        if (read_text(file).rfind("# leitch-routerd: ", 0) == 0) files.push_back(file);
+    return files;
+}
+
+// Every recording this run wrote has its last line: its session is over.
+bool every_recording_ended(const fs::path& directory) {
+    for (const std::string& file : written_recordings(directory)) {
+        const std::string text = read_text(file);
+        if (text.back() != '\n') return false;
+        const std::string last = text.substr(text.rfind('\n', text.size() - 2) + 1);
+        if (last.rfind("# end of session", 0) != 0 && last.rfind("# recording stopped", 0) != 0) return false;
+    }
+    return true;
+}
+
+// Short sessions, one after another: report mode on, and gone.
+void short_sessions(unsigned short port, int count) {
+    for (int i = 0; i < count; ++i) {
+        Client client(port);
+        client.send("@ ?\r");
+        ASSERT_EQ(client.read_until(kPrompt), "@ ?" + kPrompt) << "session " << i;
+    }
+}
+
+class RecordDirectoryTest : public RecordingTest {
+protected:
+    static constexpr std::uintmax_t kBound = 16384;
+
+    void SetUp() override {
+        fs::create_directories(directory_);
+        // A recording of an earlier run counts; a file of the user's does not, and both stay.
+        std::ofstream(directory_ / kEarlier, std::ios::binary) << std::string(3000, 'x');
+        std::ofstream(directory_ / "notes.txt", std::ios::binary) << std::string(50000, 'n');
+    }
+
+    std::string stopped_line() const {
+        return "recording stopped: the recordings in " + directory_.string() + " take ";
+    }
+
+    static constexpr const char* kEarlier = "20240101-120000.000-client1-127.0.0.1_40000.txt";
+};
+
+TEST_F(RecordDirectoryTest, ManyShortSessionsStayWithinTheDirectorysBoundWithOneLogLine) {
+    Routerd routerd({"--record", directory_.string(), "--record-max-total-bytes", std::to_string(kBound)});
+    short_sessions(routerd.port(), 40);
+    ASSERT_TRUE(testhost::eventually([&] { return every_recording_ended(directory_); }, 10s));
+    const std::uintmax_t total = recordings_total(directory_);
+    EXPECT_LE(total, kBound);
+    // The room left was used: less than two sessions' worth (about 1.6 kB each) is left over.
+    EXPECT_GT(total, kBound - 4096);
+    const std::size_t files = written_recordings(directory_).size();
+    EXPECT_GT(files, 4u);
+    EXPECT_LT(files, 20u);
+    EXPECT_EQ(fs::file_size(directory_ / kEarlier), 3000u);
+    EXPECT_EQ(fs::file_size(directory_ / "notes.txt"), 50000u);
+
+    EXPECT_EQ(routerd.stop(SIGTERM), 0);
+    const std::string log = routerd.log();
+    EXPECT_EQ(occurrences(log, "recording stopped: "), 1u) << log;
+    const auto at = log.find(stopped_line());
+    ASSERT_NE(at, std::string::npos) << log;
+    const std::string line = log.substr(at, log.find('\n', at) - at);
+    EXPECT_NE(line.find(" bytes, their bound is 16384; sessions are recorded again once they take 12288 or less"),
+              std::string::npos)
+        << line;
+    EXPECT_EQ(occurrences(log, ": recording to "), files);
+    EXPECT_EQ(recordings_total(directory_), total);  // stopping wrote nothing more
+}
+
+TEST_F(RecordDirectoryTest, ARecordingCutByTheDirectorysBoundSaysSoInItsLastLineAndStillPlays) {
+    const TempFile config("bounded.toml", "[record]\nmax_total_bytes = " + std::to_string(kBound) + "\n");
+    Routerd routerd({"--config", config.path(), "--record", directory_.string()});
+    // One long session that fills the directory by itself.
+    Client client(routerd.port());
+    client.send("@ ?\r");
+    ASSERT_EQ(client.read_until(kPrompt), "@ ?" + kPrompt);
+    for (int i = 0; i < 400; ++i) {
+        client.send("@ X:0/5,3\r");
+        ASSERT_FALSE(client.read_until("S:05,3" + kPrompt).empty()) << "take " << i;
+    }
+    EXPECT_TRUE(routerd.log_contains(stopped_line())) << routerd.log();
+    EXPECT_EQ(routerd.stop(SIGTERM), 0);
+    std::string file;
+    for (const std::string& path : recordings(directory_.string()))
+        if (path.find("-client1-127.0.0.1_") != std::string::npos && path.find(kEarlier) == std::string::npos)
+            file = path;
+    ASSERT_FALSE(file.empty());
+    const std::string text = read_text(file);
+    const auto last = text.rfind("\n# recording stopped at ");
+    ASSERT_NE(last, std::string::npos) << text.substr(text.size() > 200 ? text.size() - 200 : 0);
+    EXPECT_EQ(text.substr(last + 1), "# recording stopped at " + std::to_string(last + 1) +
+                                         " bytes (the directory's recordings reached their bound)\n");
+    EXPECT_LE(recordings_total(directory_), kBound);
+    const ProgramRun replay = run_program(LEITCH_REPLAY_PATH, {"--plugin", LEITCH_PLUGIN_PATH, file});
+    EXPECT_EQ(replay.code, 0) << replay.output;
+}
+
+TEST_F(RecordDirectoryTest, RecordingResumesOnceTheUserHasFreedRoom) {
+    Routerd routerd({"--record", directory_.string(), "--record-max-total-bytes", std::to_string(kBound)});
+    short_sessions(routerd.port(), 20);
+    ASSERT_TRUE(routerd.log_contains(stopped_line())) << routerd.log();
+    ASSERT_TRUE(testhost::eventually([&] { return every_recording_ended(directory_); }, 10s));
+    const std::size_t before = written_recordings(directory_).size();
+    short_sessions(routerd.port(), 1);  // still full: not recorded
+    for (const std::string& path : recordings(directory_.string()))
+        if (path.find("notes.txt") == std::string::npos) fs::remove(path);
+    // The directory is measured again at most once a second.
+    std::this_thread::sleep_for(1500ms);
+    short_sessions(routerd.port(), 1);
+    EXPECT_TRUE(routerd.log_contains("recording again: the recordings in " + directory_.string() +
+                                     " take 0 bytes, their bound is 16384\n"))
+        << routerd.log();
+    EXPECT_EQ(routerd.stop(SIGTERM), 0);
+    EXPECT_EQ(written_recordings(directory_).size(), 1u);
+    EXPECT_GT(before, 1u);
+    EXPECT_TRUE(fs::exists(directory_ / "notes.txt"));
+    EXPECT_EQ(occurrences(routerd.log(), "recording stopped: "), 1u);
 }
 
 TEST(RecordingDirectory, ADirectoryThatCannotBeWrittenIsRefusedAtStartUp) {

@@ -20,6 +20,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 namespace simtest {
 
@@ -29,6 +30,38 @@ using Clock = std::chrono::steady_clock;
 using testhost::remaining_ms;
 
 constexpr std::size_t kLogKept = 8 * 1024 * 1024;
+// A report comes last: the tail kept holds one whole.
+constexpr std::size_t kLogTailKept = 256 * 1024;
+
+void print_and_abort(const std::string& report) {
+    std::fputs(report.c_str(), stderr);
+    std::abort();
+}
+
+SanitizerReportHandler report_handler = print_and_abort;
+
+bool all_digits(std::string_view text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+bool starts_report(std::string_view line) {
+    // "==1234==ERROR: AddressSanitizer: heap-use-after-free on address ..."
+    if (line.rfind("==", 0) == 0) {
+        const auto end = line.find("==", 2);
+        if (end != std::string_view::npos && all_digits(line.substr(2, end - 2)) &&
+            line.substr(end + 2).rfind("ERROR: ", 0) == 0)
+            return true;
+    }
+    // "sim/session.cpp:120:7: runtime error: signed integer overflow: ..."
+    const auto at = line.find(": runtime error: ");
+    return at != std::string_view::npos && at > 0 && line.substr(0, at).find(' ') == std::string_view::npos;
+}
+
+void hand_over(pid_t pid, const std::string& errors) {
+    const std::string report = sanitizer_report(errors);
+    if (report.empty()) return;
+    report_handler("leitch-routerd (pid " + std::to_string(pid) + ") wrote a sanitizer report:\n" + report);
+}
 
 std::string make_temp_dir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "routerd-test-XXXXXX").string();
@@ -88,6 +121,17 @@ std::string read_text(const std::string& path) {
     return text.str();
 }
 
+std::string sanitizer_report(const std::string& errors) {
+    for (std::size_t start = 0; start < errors.size();) {
+        const std::size_t end = std::min(errors.find('\n', start), errors.size());
+        if (starts_report(std::string_view(errors).substr(start, end - start))) return errors.substr(start);
+        start = end + 1;
+    }
+    return {};
+}
+
+void on_sanitizer_report(SanitizerReportHandler handler) { report_handler = handler; }
+
 std::string test_config(const std::string& name) { return read_text(LEITCH_TEST_CONFIG_DIR "/" + name); }
 
 std::string built_routerd() {
@@ -136,21 +180,16 @@ Routerd::Routerd(const RouterdOptions& options) : log_reader_(options.log_reader
 }
 
 Routerd::~Routerd() {
-    if (pid_ > 0) reap(pid_, Clock::now());
+    if (pid_ > 0) wait_for_end(Clock::now());
     stopping_ = true;
     if (log_thread_.joinable()) log_thread_.join();
     if (log_fd_ >= 0) close(log_fd_);
 }
 
 std::string Routerd::abandon() {
-    reap(pid_, Clock::now());
-    pid_ = -1;
+    wait_for_end(Clock::now());
     stopping_ = true;
     if (log_thread_.joinable()) log_thread_.join();
-    const auto deadline = Clock::now() + 1s;
-    pollfd p{log_fd_, POLLIN, 0};
-    while (take_log() && poll(&p, 1, remaining_ms(deadline)) > 0) {
-    }
     close(log_fd_);
     log_fd_ = -1;
     return log_;
@@ -172,6 +211,8 @@ bool Routerd::take_log() const {
         log_lines_ += static_cast<std::size_t>(std::count(chunk, chunk + size, '\n'));
         log_bytes_ += size;
         if (log_.size() < kLogKept) log_.append(chunk, std::min(size, kLogKept - log_.size()));
+        log_tail_.append(chunk, size);
+        if (log_tail_.size() > 2 * kLogTailKept) log_tail_.erase(0, log_tail_.size() - kLogTailKept);
         // A short read has emptied the pipe: the caller is not held while
         // the simulator goes on writing.
         if (size < sizeof chunk) return true;
@@ -190,17 +231,56 @@ bool Routerd::running() {
     int status = 0;
     if (waitpid(pid_, &status, WNOHANG) != pid_) return true;
     end_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    const pid_t pid = pid_;
     pid_ = -1;
+    ended(pid);
     return false;
 }
 
 int Routerd::stop(int signal, std::chrono::milliseconds timeout) {
     if (pid_ <= 0) return -1;
     kill(pid_, signal);
-    const int code = reap(pid_, Clock::now() + timeout);
+    const int code = wait_for_end(Clock::now() + timeout);
     end_status_ = code;
-    pid_ = -1;
     return code >= 128 ? -1 : code;
+}
+
+int Routerd::wait_for_end(Clock::time_point deadline) {
+    const pid_t pid = pid_;
+    int code = -1;
+    for (;;) {
+        int status = 0;
+        const pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid) {
+            code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            break;
+        }
+        if (done < 0 || Clock::now() >= deadline) {
+            kill(pid, SIGKILL);
+            testhost::wait_for_exit(pid, Clock::now() + 10s);
+            break;
+        }
+        take_log();
+        std::this_thread::sleep_for(5ms);
+    }
+    pid_ = -1;
+    ended(pid);
+    return code;
+}
+
+void Routerd::ended(pid_t pid) {
+    if (reported_) return;
+    reported_ = true;
+    // The log ends with the process (nothing else holds the pipe): a report is its last lines.
+    const auto deadline = Clock::now() + 2s;
+    pollfd p{log_fd_, POLLIN, 0};
+    while (take_log() && Clock::now() < deadline) poll(&p, 1, remaining_ms(deadline));
+    std::string text;
+    {
+        std::lock_guard<std::mutex> hold(log_mutex_);
+        text = log_bytes_ > log_.size() ? log_tail_ : log_;
+    }
+    hand_over(pid, text);
 }
 
 std::string Routerd::log() const {
@@ -276,6 +356,7 @@ ExitResult run_routerd(const RouterdOptions& options, std::chrono::milliseconds 
     const int status = reap(child.pid, std::max(deadline, Clock::now() + 100ms));
     result.timed_out = status < 0;
     result.code = status >= 0 && status < 128 ? status : -1;
+    hand_over(child.pid, result.errors);
     return result;
 }
 

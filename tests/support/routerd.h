@@ -44,6 +44,21 @@ std::string read_text(const std::string& path);
 // This build's leitch-routerd (empty when the build has no simulator).
 std::string built_routerd();
 
+// The sanitizer report in what a program wrote on its standard error, from
+// its first line to the end; empty when there is none. A report starts with a
+// line "==PID==ERROR: " (AddressSanitizer, LeakSanitizer) or "FILE:LINE:COLUMN:
+// runtime error: " (UndefinedBehaviorSanitizer). The sanitize build's
+// simulator writes its reports on its real standard error (sim/sanitizer_hooks.cpp).
+// Python's twin is sanitizer_report() in routerd.py.
+std::string sanitizer_report(const std::string& errors);
+
+// What becomes of a report the simulator wrote: every simulator this harness
+// starts is looked at when it has ended. By default the report is printed and
+// the program aborted; the test programs make it a failure of the test that
+// was running (gtest_reports.cpp).
+using SanitizerReportHandler = void (*)(const std::string& report);
+void on_sanitizer_report(SanitizerReportHandler handler);
+
 // What happens to the simulator's standard error.
 enum class LogReader {
     reads,   // a thread of ours reads it all the time (the normal case)
@@ -75,7 +90,9 @@ public:
     // This build's simulator with `args`.
     explicit Routerd(const std::vector<std::string>& args = {});
     // Waits for "listening on 127.0.0.1:PORT"; throws with the log if it does
-    // not come within 30 s.
+    // not come within 30 s. Once the process has ended (running() false,
+    // stop(), or the object gone), a sanitizer report in its log goes to the
+    // handler (on_sanitizer_report), once.
     explicit Routerd(const RouterdOptions& options);
     ~Routerd();
     Routerd(const Routerd&) = delete;
@@ -116,14 +133,22 @@ private:
     bool take_log() const;
     // Kills, reaps and collects the log; for a start that failed.
     std::string abandon();
+    // Waits for the exit, taking in the log meanwhile (a report must not wait
+    // on a full pipe); at the deadline the process is killed. The exit status,
+    // or 128 + the signal; -1 if it had to be killed.
+    int wait_for_end(std::chrono::steady_clock::time_point deadline);
+    // The process has ended: the rest of its log, and its report if any.
+    void ended(pid_t pid);
 
     pid_t pid_ = -1;
     int end_status_ = -1;
+    bool reported_ = false;  // the report, if any, went to the handler
     unsigned short port_ = 0;
     LogReader log_reader_ = LogReader::reads;
     int log_fd_ = -1;
     mutable std::mutex log_mutex_;
     mutable std::string log_;
+    mutable std::string log_tail_;  // the last bytes written, where a report is when log_ is full
     mutable bool log_ended_ = false;
     mutable std::atomic<std::size_t> log_bytes_{0};
     mutable std::atomic<std::size_t> log_lines_{0};

@@ -18,18 +18,43 @@ import time
 ROUTERD = os.environ.get("LEITCH_ROUTERD", "")
 CONFIGS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "sim", "configs")
 
+# The first line of a sanitizer report: "==PID==ERROR: " (AddressSanitizer,
+# LeakSanitizer) or "FILE:LINE:COLUMN: runtime error: " (UndefinedBehaviorSanitizer).
+# The same rule as sanitizer_report() in routerd.h.
+REPORT_START = re.compile(r"^(==\d+==ERROR: |[^ \n]+: runtime error: )", re.M)
+
+
+def sanitizer_report(errors):
+    """The sanitizer report in a simulator's standard error, from its first
+    line to the end; "" when there is none. The sanitize build's simulator
+    writes its reports on its real standard error."""
+    found = REPORT_START.search(errors)
+    return errors[found.start():] if found else ""
+
+
+def fail_on_report(errors, pid=None):
+    """Every simulator started here is looked at when it has ended: a
+    sanitizer report fails the test that started it."""
+    report = sanitizer_report(errors)
+    if report:
+        who = "leitch-routerd" if pid is None else "leitch-routerd (pid %d)" % pid
+        raise AssertionError("%s wrote a sanitizer report:\n%s" % (who, report))
+
 
 class Routerd:
     """leitch-routerd as a child process, started with "--listen LISTEN" and
     "--http HTTP" (each left out when None; a later one in `args` wins), then
     `args`. It has started once it has printed `announced` lines (by default
-    the listener and, when served, the web view); killed when closed. A
-    `prefix` runs it through another program (which must exec it in place)."""
+    the listener and, when served, the web view); killed when closed. Once it
+    has ended (stop() or close()), a sanitizer report in its log raises
+    AssertionError, once. `command` runs another program in its place that
+    ends by executing the simulator with the arguments given (scripts/run.sh)."""
 
-    def __init__(self, *args, http="127.0.0.1:0", listen="127.0.0.1:0", announced=None, prefix=()):
+    def __init__(self, *args, http="127.0.0.1:0", listen="127.0.0.1:0", announced=None, command=None):
         self.directory = tempfile.mkdtemp(prefix="routerd-test-")
         self.log_path = os.path.join(self.directory, "stderr")
-        command = list(prefix) + [ROUTERD]
+        self.looked_at = False
+        command = list(command or [ROUTERD])
         if listen is not None:
             command += ["--listen", listen]
         if http is not None:
@@ -90,15 +115,16 @@ class Routerd:
             fields = f.read().rsplit(")", 1)[1].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
-    def stop(self):
+    def stop(self, timeout=10):
         """SIGTERM, then the whole log is written; the exit code."""
         if self.process.poll() is None:
             self.process.send_signal(signal.SIGTERM)
             try:
-                self.process.wait(10)
+                self.process.wait(timeout)
             except subprocess.TimeoutExpired:
                 self.process.kill()
                 self.process.wait()
+        self._look_at_log()
         return self.process.returncode
 
     def close(self):
@@ -106,7 +132,16 @@ class Routerd:
             self.process.kill()
             self.process.wait()
         self.process.stdout.close()
-        shutil.rmtree(self.directory, ignore_errors=True)
+        try:
+            self._look_at_log()
+        finally:
+            shutil.rmtree(self.directory, ignore_errors=True)
+
+    def _look_at_log(self):
+        if self.looked_at or not os.path.exists(self.log_path):
+            return
+        self.looked_at = True
+        fail_on_report(self.log(), self.process.pid)
 
     def __enter__(self):
         return self
@@ -119,6 +154,7 @@ def run_routerd(*args, timeout=30):
     """(exit code, standard output, standard error) of a simulator that is not
     expected to start, run with "--http off" and then `args`."""
     done = subprocess.run([ROUTERD, "--http", "off"] + list(args), capture_output=True, timeout=timeout)
+    fail_on_report(done.stderr.decode(errors="replace"))
     return done.returncode, done.stdout.decode(), done.stderr.decode()
 
 

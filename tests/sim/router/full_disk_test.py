@@ -12,7 +12,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
-from routerd import LeitchClient, Routerd, request  # noqa: E402
+from routerd import ROUTERD, LeitchClient, Routerd, request  # noqa: E402
 
 MOUNT = "/run/routerd-full-disk-test"
 PROMPT = "\r\n>"
@@ -33,7 +33,7 @@ class StateFileOnAFullDisk(unittest.TestCase):
         """The simulator with its state file on a fresh tmpfs of `size`."""
         prefix = ["unshare", "--mount", "--propagation", "private", "sh", "-c",
                   'mount -t tmpfs -o size=%s tmpfs %s && exec "$@"' % (size, MOUNT), "sh"]
-        routerd = Routerd("--state", MOUNT + "/state.db", prefix=prefix)
+        routerd = Routerd("--state", MOUNT + "/state.db", command=prefix + [ROUTERD])
         self.addCleanup(routerd.close)
         self.disk = "/proc/%d/root%s" % (routerd.process.pid, MOUNT)
         return routerd
