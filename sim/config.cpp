@@ -246,7 +246,7 @@ public:
     }
 
     void http(const toml::table& http, SimulatorConfig& config) const {
-        only_known_keys(http, "http.", {"listen", "readonly", "max_pages"});
+        only_known_keys(http, "http.", {"listen", "readonly", "max_pages", "push_interval_ms"});
         if (const toml::node* listen = http.get("listen")) {
             config.web.listen = string(*listen, "http.listen");
             config.web.listen_named = true;
@@ -259,6 +259,8 @@ public:
         if (const toml::node* readonly = http.get("readonly")) config.web.readonly = boolean(*readonly, "http.readonly");
         if (const toml::node* n = http.get("max_pages"))
             config.web.max_pages = static_cast<std::size_t>(integer(*n, "http.max_pages", 1, 1024));
+        if (const toml::node* n = http.get("push_interval_ms"))
+            config.web.push_interval = std::chrono::milliseconds(integer(*n, "http.push_interval_ms", 0, 1000));
     }
 
     static std::int64_t open_file_limit() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
@@ -38,6 +39,8 @@ struct WebConfig {
     bool listen_named = false;
     bool readonly = false;  // the API and the page refuse every change (403)
     std::size_t max_pages = 16;
+    // Each page gets at most one message per interval; a display shows at most 60 pictures a second.
+    std::chrono::milliseconds push_interval{33};
 };
 
 struct SimulatorConfig {

@@ -32,7 +32,8 @@ WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig&
       switches_(switches),
       sessions_(sessions),
       log_(log),
-      page_queue_bound_(kPageQueueBase + 2 * kFrameBytesPerDestination * router.total_destinations()) {
+      page_queue_bound_(kPageQueueBase + 2 * kFrameBytesPerDestination * router.total_destinations()),
+      push_timer_(executor_) {
     router_.subscribe(*this);
     switches_.watch(this);
 }
@@ -75,12 +76,23 @@ std::string WebState::hello() const {
     return hello_message({config_.readonly, router_, leitch_level_of(), clients(), links_.links(), activity_.events()});
 }
 
+void WebState::gather(std::vector<DestinationChange>& changes, std::unordered_map<std::uint64_t, std::size_t>& at,
+                      int level, int destination, int value) {
+    const std::uint64_t key = std::uint64_t(std::uint32_t(level)) << 32 | std::uint32_t(destination);
+    const auto [found, added] = at.try_emplace(key, changes.size());
+    if (added) {
+        changes.push_back({level, destination, value});
+    } else {
+        changes[found->second][2] = value;
+    }
+}
+
 void WebState::crosspoint_changed(int level, int source, int destination) {
-    if (!pages_.empty()) crosspoints_.push_back({level, destination, source});
+    if (!pages_.empty()) gather(crosspoints_, crosspoint_at_, level, destination, source);
 }
 
 void WebState::lock_changed(int level, int destination, int state) {
-    if (!pages_.empty()) locks_.push_back({level, destination, state});
+    if (!pages_.empty()) gather(locks_, lock_at_, level, destination, state);
 }
 
 void WebState::switch_asked(int client, Kind kind, int level, int destination, int value, Refusal refusal) {
@@ -97,6 +109,9 @@ void WebState::switch_asked(int client, Kind kind, int level, int destination, i
         // An applied change is pushed with its frame; a refusal makes no frame.
         push_soon();
     }
+    // The activity log keeps the last kActivityEvents: a burst that would
+    // pass them before the interval ends goes at once, so none is lost.
+    if (activity_.last_seq() - pushed_seq_ >= kActivityEvents / 2 && !pages_.empty()) push();
 }
 
 void WebState::client_connected(const Session& session) {
@@ -120,19 +135,30 @@ void WebState::tick() {
     std::vector<LinkStatus> links = links_.links();
     if (links != links_seen_) clients_changed_ = true;
     links_seen_ = std::move(links);
-    if (clients_changed_) push();
+    if (clients_changed_) push_soon();
     const auto now = std::chrono::steady_clock::now();
     for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end()))
         page->check_stalled(now);
 }
 
+// In an event of its own, so that what the current event changes goes too;
+// no sooner than one push interval after the last message.
 void WebState::push_soon() {
     if (push_posted_) return;
     push_posted_ = true;
-    // The state outlives the io_context's run, so the handler may hold `this`.
-    boost::asio::post(executor_, [this] {
+    const auto due = pushed_at_ + config_.push_interval;
+    // The state outlives the io_context's run, so the handlers may hold `this`.
+    if (std::chrono::steady_clock::now() >= due) {
+        boost::asio::post(executor_, [this] {
+            push_posted_ = false;
+            push();
+        });
+        return;
+    }
+    push_timer_.expires_at(due);
+    push_timer_.async_wait([this](const boost::system::error_code& ec) {
         push_posted_ = false;
-        push();
+        if (!ec) push();
     });
 }
 
@@ -141,6 +167,8 @@ void WebState::push() {
     if (pages_.empty()) {
         crosspoints_.clear();
         locks_.clear();
+        crosspoint_at_.clear();
+        lock_at_.clear();
         pushed_seq_ = activity_.last_seq();
         clients_changed_ = false;
         return;
@@ -150,8 +178,11 @@ void WebState::push() {
     if (new_events) frame.add_events(activity_.events(), pushed_seq_);
     if (clients_changed_) frame.add_clients_and_links(clients(), links_.links());
     const auto message = std::make_shared<const std::string>(frame.finish());
+    pushed_at_ = std::chrono::steady_clock::now();
     crosspoints_.clear();
     locks_.clear();
+    crosspoint_at_.clear();
+    lock_at_.clear();
     pushed_seq_ = activity_.last_seq();
     clients_changed_ = false;
     deliver({switches_.tag(), message, {}, false});
@@ -192,6 +223,7 @@ void WebState::release() {
 }
 
 void WebState::stop_pages() {
+    push_timer_.cancel();
     for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end()))
         page->close("simulator shutting down");
 }

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <unordered_map>
 
 #include "sim/config.h"
 #include "sim/log.h"
@@ -27,12 +29,13 @@ namespace routerd::web {
 class WebSocketSession;
 
 // What every page and every API request shares: the router, the clients and
-// the activity log, and the open pages. Changes of one frame are gathered as
-// the router tells them and pushed to every page when the frame ends, in the
-// same event, as one message; events that happen outside a frame (refusals,
-// clients coming and going) are pushed in an event of their own. A message
-// that shows a change not kept yet waits until it is (see SwitchQueue), and
-// so does every message after it, a page's greeting included.
+// the activity log, and the open pages. Changes are gathered as the router
+// tells them, one entry per destination (the latest source and lock), and
+// pushed to every page as one message at most once per push interval (a
+// display shows no more), with every event since the last message, in order;
+// a change after a quiet interval goes at once. A message that shows a change
+// not kept yet waits until it is (see SwitchQueue), and so does every message
+// after it, a page's greeting included. With no page open nothing is gathered.
 class WebState final : private RouterObserver, public SwitchWatcher, public SessionWatcher {
 public:
     static constexpr std::size_t kActivityEvents = 300;
@@ -76,8 +79,9 @@ public:
     // The most a page may have waiting before it counts as one that does not read.
     std::size_t page_queue_bound() const { return page_queue_bound_; }
 
-    // The end of a frame: what it changed goes to every page now.
-    void frame_done() { push(); }
+    // The end of a frame: what it changed goes to every page, now or at the
+    // end of the push interval.
+    void frame_done() { push_soon(); }
     // Once a second: the clients' line counts, pages that stopped reading.
     void tick();
     void stop_pages();
@@ -92,6 +96,9 @@ private:
 
     void push_soon();
     void push();
+    // One entry per destination in `changes`, the latest value winning.
+    static void gather(std::vector<DestinationChange>& changes, std::unordered_map<std::uint64_t, std::size_t>& at,
+                       int level, int destination, int value);
 
     // A message waiting for its frame to be kept: for every page, or for one.
     struct Held {
@@ -121,8 +128,12 @@ private:
     int next_page_ = 1;
     std::size_t page_queue_bound_;
 
-    std::vector<DestinationChange> crosspoints_;  // told since the last push
+    std::vector<DestinationChange> crosspoints_;  // told since the last push, one per destination
     std::vector<DestinationChange> locks_;
+    std::unordered_map<std::uint64_t, std::size_t> crosspoint_at_;  // level and destination -> index
+    std::unordered_map<std::uint64_t, std::size_t> lock_at_;
+    boost::asio::steady_timer push_timer_;
+    std::chrono::steady_clock::time_point pushed_at_{};
     std::uint64_t pushed_seq_ = 0;                 // the last event pushed
     bool clients_changed_ = false;
     std::size_t lines_seen_ = 0;                   // lines received by all clients, at the last tick

@@ -7,6 +7,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 
@@ -374,8 +375,65 @@ class Listening(unittest.TestCase):
 
 
 class Push(unittest.TestCase):
-    def test_a_page_that_never_reads_is_disconnected_and_memory_stays_bounded(self):
+    def page_and_client(self, routerd):
+        page = WebSocket(routerd.web_port, origin="http://" + routerd.host)
+        page.receive()  # the greeting
+        client = LeitchClient(routerd.port)
+        client.report_mode()
+        return page, client
+
+    @staticmethod
+    def last_sources(count, step):
+        sources = [0] * 32
+        for i in range(count):
+            sources[i % 32] = (i * step) % 32
+        return sources
+
+    def read_takes(self, page, count):
+        """The messages' arrival times, the sources they leave on level 0 and
+        the sequence numbers of their take events, until `count` takes."""
+        sources, events, arrivals = [0] * 32, [], []
+        while len(events) < count:
+            message = page.receive()
+            arrivals.append(time.monotonic())
+            for level, destination, source in message.get("crosspoints", []):
+                self.assertEqual(level, 0)
+                sources[destination] = source
+            events += [e["seq"] for e in message.get("events", []) if e["kind"] == "take"]
+        return arrivals, sources, events
+
+    def test_a_page_gets_at_most_one_message_per_interval_with_every_change_in_it(self):
         with Routerd() as routerd:
+            page, client = self.page_and_client(routerd)
+            # About 1,000 takes a second for one second, ten at a time.
+            takes = [(i % 32, (i * 7) % 32) for i in range(1000)]
+            result = []
+            reader = threading.Thread(target=lambda: result.append(self.read_takes(page, len(takes))))
+            reader.start()
+            began = time.monotonic()
+            for start in range(0, len(takes), 10):
+                client.send("".join("@ X:0/%X,%X\r" % take for take in takes[start:start + 10]))
+                time.sleep(max(0.0, began + (start + 10) / 1000 - time.monotonic()))
+            reader.join(30)
+            arrivals, sources, events = result[0]
+            elapsed = arrivals[-1] - began
+            self.assertLessEqual(len(arrivals), elapsed / 0.033 + 2, (len(arrivals), elapsed))
+            gaps = [b - a for a, b in zip(arrivals, arrivals[1:])]
+            self.assertGreaterEqual(min(gaps), 0.02, gaps)
+            self.assertEqual(sources, self.last_sources(1000, 7))
+            self.assertEqual(events, sorted(set(events)))
+
+    def test_a_burst_of_takes_reaches_a_page_with_every_event_in_order(self):
+        with Routerd() as routerd:
+            page, client = self.page_and_client(routerd)
+            client.send("".join("@ X:0/%X,%X\r" % (i % 32, (i * 5) % 32) for i in range(2000)))
+            arrivals, sources, events = self.read_takes(page, 2000)
+            self.assertEqual(len(events), 2000)
+            self.assertEqual(events, sorted(set(events)))
+            self.assertEqual(sources, self.last_sources(2000, 5))
+
+    def test_a_page_that_never_reads_is_disconnected_and_memory_stays_bounded(self):
+        with Routerd("--config", config("unpaced_pages.toml")) as routerd:
             page = WebSocket(routerd.web_port, receive_buffer=4096)
             client = LeitchClient(routerd.port)
             client.report_mode()
