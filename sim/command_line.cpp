@@ -116,6 +116,7 @@ void apply_command_line(SimulatorConfig& config, const CommandLine& options) {
     if (!options.listen.empty()) {
         check_option<ListenError>("--listen", [&] { parse_listen(options.listen); });
         config.listeners = {{options.listen, {}}};
+        config.listeners.front().link.first_byte_timeout = config.first_byte_timeout;
     }
     if (!options.serials.empty()) {
         config.serials.clear();

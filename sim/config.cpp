@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -16,6 +17,7 @@
 
 #include <toml++/toml.h>
 
+#include "sim/links/address_shares.h"
 #include "sim/links/endpoint.h"
 
 namespace routerd {
@@ -88,13 +90,14 @@ public:
 
     void server(const toml::table& server, SimulatorConfig& config) const {
         only_known_keys(server, "server.",
-                        {"listen", "max_clients", "max_line_bytes", "max_output_bytes", "output_timeout_ms"});
+                        {"listen", "max_clients", "max_clients_per_address", "max_clients_logging_in",
+                         "first_byte_timeout", "max_line_bytes", "max_output_bytes", "output_timeout_ms"});
         if (const toml::node* listen = server.get("listen")) {
             // The short form of one plain [[listen]].
             config.listeners = {{address(*listen, "server.listen"), {}}};
         }
+        const std::int64_t most = open_file_limit() - static_cast<std::int64_t>(kReservedDescriptors);
         if (const toml::node* n = server.get("max_clients")) {
-            const std::int64_t most = open_file_limit() - static_cast<std::int64_t>(kReservedDescriptors);
             const std::int64_t clients = integer(*n, "server.max_clients", 1, 100000);
             if (clients > most)
                 fail(n->source(), "server.max_clients",
@@ -102,6 +105,30 @@ public:
                          std::to_string(open_file_limit()));
             config.limits.max_clients = static_cast<std::size_t>(clients);
         }
+        const auto clients = static_cast<std::int64_t>(config.limits.max_clients);
+        config.limits.max_clients_per_address = half_rounded_up(config.limits.max_clients);
+        if (const toml::node* n = server.get("max_clients_per_address")) {
+            const std::int64_t share = integer(*n, "server.max_clients_per_address", 1, 100000);
+            if (share > clients)
+                fail(n->source(), "server.max_clients_per_address",
+                     "at most server.max_clients (" + std::to_string(clients) + ")");
+            config.limits.max_clients_per_address = static_cast<std::size_t>(share);
+        }
+        // Clients at a login prompt need descriptors besides max_clients.
+        const std::int64_t room = std::max<std::int64_t>(most - clients, 1);
+        const auto half = static_cast<std::int64_t>(half_rounded_up(config.limits.max_clients));
+        config.limits.max_clients_logging_in = static_cast<std::size_t>(std::min(half, room));
+        if (const toml::node* n = server.get("max_clients_logging_in")) {
+            const std::int64_t logging_in = integer(*n, "server.max_clients_logging_in", 1, 100000);
+            if (logging_in > room)
+                fail(n->source(), "server.max_clients_logging_in",
+                     "at most " + std::to_string(room) + " with server.max_clients = " + std::to_string(clients) +
+                         ": the open-file limit is " + std::to_string(open_file_limit()));
+            config.limits.max_clients_logging_in = static_cast<std::size_t>(logging_in);
+        }
+        if (const toml::node* n = server.get("first_byte_timeout"))
+            config.first_byte_timeout = first_byte_timeout(*n, "server.first_byte_timeout");
+        for (ListenerConfig& listener : config.listeners) listener.link.first_byte_timeout = config.first_byte_timeout;
         if (const toml::node* n = server.get("max_line_bytes"))
             config.limits.max_line_bytes = static_cast<std::size_t>(integer(*n, "server.max_line_bytes", 16, 65536));
         if (const toml::node* n = server.get("max_output_bytes"))
@@ -109,6 +136,10 @@ public:
                 static_cast<std::size_t>(integer(*n, "server.max_output_bytes", 1024, kClientOutputBudget / 2));
         if (const toml::node* n = server.get("output_timeout_ms"))
             config.limits.output_timeout = std::chrono::milliseconds(integer(*n, "server.output_timeout_ms", 100, 3600000));
+    }
+
+    std::chrono::seconds first_byte_timeout(const toml::node& node, const std::string& key) const {
+        return std::chrono::seconds(integer(node, key, 0, 3600));
     }
 
     std::string address(const toml::node& node, const std::string& key) const {
@@ -148,7 +179,9 @@ public:
         for (std::size_t i = 0; i < list.size(); ++i) {
             const toml::table& entry = *list.get(i)->as_table();
             const std::string prefix = "listen[" + std::to_string(i) + "].";
-            only_known_keys(entry, prefix, {"address", "telnet", "login", "users", "login_timeout", "idle_timeout"});
+            only_known_keys(entry, prefix,
+                            {"address", "telnet", "login", "users", "login_timeout", "idle_timeout",
+                             "first_byte_timeout"});
             ListenerConfig listener;
             const toml::node* where = entry.get("address");
             if (!where) fail(entry.source(), prefix + "address", "missing");
@@ -162,6 +195,9 @@ public:
                 listener.link.login_timeout = std::chrono::seconds(integer(*n, prefix + "login_timeout", 1, 3600));
             }
             listener.link.idle_timeout = idle_timeout(entry, prefix);
+            listener.link.first_byte_timeout = config.first_byte_timeout;
+            if (const toml::node* n = entry.get("first_byte_timeout"))
+                listener.link.first_byte_timeout = first_byte_timeout(*n, prefix + "first_byte_timeout");
             config.listeners.push_back(std::move(listener));
         }
     }
@@ -246,7 +282,7 @@ public:
     }
 
     void http(const toml::table& http, SimulatorConfig& config) const {
-        only_known_keys(http, "http.", {"listen", "readonly", "max_pages", "push_interval_ms"});
+        only_known_keys(http, "http.", {"listen", "readonly", "max_pages", "max_pages_per_address", "push_interval_ms"});
         if (const toml::node* listen = http.get("listen")) {
             config.web.listen = string(*listen, "http.listen");
             config.web.listen_named = true;
@@ -259,6 +295,10 @@ public:
         if (const toml::node* readonly = http.get("readonly")) config.web.readonly = boolean(*readonly, "http.readonly");
         if (const toml::node* n = http.get("max_pages"))
             config.web.max_pages = static_cast<std::size_t>(integer(*n, "http.max_pages", 1, 1024));
+        config.web.max_pages_per_address = half_rounded_up(config.web.max_pages);
+        if (const toml::node* n = http.get("max_pages_per_address"))
+            config.web.max_pages_per_address = static_cast<std::size_t>(
+                integer(*n, "http.max_pages_per_address", 1, static_cast<std::int64_t>(config.web.max_pages)));
         if (const toml::node* n = http.get("push_interval_ms"))
             config.web.push_interval = std::chrono::milliseconds(integer(*n, "http.push_interval_ms", 0, 1000));
     }

@@ -39,6 +39,8 @@ struct WebConfig {
     bool listen_named = false;
     bool readonly = false;  // the API and the page refuse every change (403)
     std::size_t max_pages = 16;
+    // Of these, the most one client address may hold (half, rounded up, unless configured).
+    std::size_t max_pages_per_address = 8;
     // Each page gets at most one message per interval; a display shows at most 60 pictures a second.
     std::chrono::milliseconds push_interval{33};
 };
@@ -48,6 +50,9 @@ struct SimulatorConfig {
     // TCP listeners; the default is one plain listener.
     std::vector<ListenerConfig> listeners{{"127.0.0.1:2323", {}}};
     std::vector<SerialSettings> serials;
+    // [server] first_byte_timeout: for the TCP listeners that do not set
+    // their own, --listen included.
+    std::chrono::seconds first_byte_timeout = kDefaultFirstByteTimeout;
     std::string plugin_path;  // empty: the plug-in the build produced, or the installed one
     Limits limits;
     RecordSettings record;

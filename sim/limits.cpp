@@ -20,6 +20,12 @@ std::size_t budget_for_one_event(const Limits& limits) {
 
 }  // namespace
 
+std::size_t logging_in_per_address(const Limits& limits) {
+    const std::size_t clients = std::max<std::size_t>(limits.max_clients, 1);
+    const std::size_t share = (limits.max_clients_logging_in * limits.max_clients_per_address + clients - 1) / clients;
+    return std::max<std::size_t>(share, 1);
+}
+
 std::size_t answer_bytes(std::size_t largest_level, std::size_t max_line_bytes) {
     return (kInputSliceBytes + max_line_bytes) * (largest_level * kReportBytes + kReplyBytesPerByte);
 }

@@ -11,7 +11,15 @@ namespace routerd {
 // What one client may cost the simulator. Passing a bound disconnects that
 // client only, with a log line.
 struct Limits {
+    // Clients on TCP ports at once (raw, and telnet or login clients once
+    // they have logged in); serial ports do not count.
     std::size_t max_clients = 16;
+    // Of these, the most one client address may hold (half, rounded up, unless
+    // configured), so that no single address can lock the others out.
+    std::size_t max_clients_per_address = 8;
+    // Clients at a login prompt, which do not count against max_clients until
+    // they have logged in (half of max_clients, rounded up, unless configured).
+    std::size_t max_clients_logging_in = 8;
     // Received without a CR or LF. Real routers cut lines at a few hundred characters.
     std::size_t max_line_bytes = 1024;
     // High-water mark of a client's waiting output (what the socket has not
@@ -20,6 +28,10 @@ struct Limits {
     // A client whose waiting output has not moved for this long does not read.
     std::chrono::milliseconds output_timeout{10000};
 };
+
+// The most clients at a login prompt one address may hold: the same share of
+// max_clients_logging_in as max_clients_per_address is of max_clients (at least one).
+std::size_t logging_in_per_address(const Limits& limits);
 
 // A client's input is handed to its converter instance in slices of about
 // this many bytes (plus the end of a line), one slice per event, so that a

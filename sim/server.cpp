@@ -57,6 +57,11 @@ LinkStatus state_status(const std::string& path, const StateHealth& health) {
     return status;
 }
 
+Admission::Budgets budgets(const Limits& limits) {
+    return {limits.max_clients, limits.max_clients_per_address, limits.max_clients_logging_in,
+            logging_in_per_address(limits)};
+}
+
 }  // namespace
 
 Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host::PluginLibrary> plugin, const Log& log)
@@ -65,6 +70,7 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
       router_(build_router(config)),
       recordings_(config.record.directory.empty() ? nullptr : std::make_unique<RecordDirectory>(config.record, log)),
       sessions_(io_.get_executor()),
+      admission_(budgets(config.limits), log_),
       switches_(io_.get_executor(), router_, refusals_, [this] {
           sessions_.flush_waiting();
           web_->frame_done();
@@ -107,6 +113,7 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
     }
     web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_, state_writer_.get(), *this);
     context_.watcher = &web_->state();
+    context_.admission = &admission_;
 }
 
 std::vector<LinkStatus> Server::links() const {
@@ -169,7 +176,9 @@ void Server::wait_for_other_signals() {
 void Server::tick() {
     refusals_.end_second();
     log_.end_second();
-    sessions_.check_timeouts(std::chrono::steady_clock::now());
+    const auto now = std::chrono::steady_clock::now();
+    sessions_.check_timeouts(now);
+    admission_.end_second(now);
     web_->tick();
     if (sessions_.take_memory_released()) malloc_trim(0);
     if (stopping_) return;
@@ -180,14 +189,16 @@ void Server::tick() {
 }
 
 void Server::accept(tcp::socket socket, const LinkSettings& link) {
-    if (sessions_.network_clients() >= context_.limits.max_clients) return refuse(std::move(socket));
-    start_session(std::make_unique<TcpTransport>(std::move(socket)), link);
+    Admission::Verdict verdict = admission_.admit(share_address(socket), describe_peer(socket),
+                                                  link.login != LoginMode::off, std::chrono::steady_clock::now());
+    if (!verdict.place) return refuse(std::move(socket), verdict.line);
+    start_session(std::make_unique<TcpTransport>(std::move(socket)), link, nullptr, std::move(verdict.place));
 }
 
 bool Server::start_session(std::unique_ptr<Transport> transport, const LinkSettings& link,
-                           std::function<void(const std::string&)> on_stopped) {
+                           std::function<void(const std::string&)> on_stopped, Admission::Place place) {
     const int id = next_client_++;
-    auto session = std::make_shared<Session>(std::move(transport), id, link, context_);
+    auto session = std::make_shared<Session>(std::move(transport), id, link, context_, std::move(place));
     session->on_stopped(std::move(on_stopped));
     try {
         sessions_.join(session);
@@ -200,15 +211,16 @@ bool Server::start_session(std::unique_ptr<Transport> transport, const LinkSetti
     return true;
 }
 
-// One line saying why, then the connection is closed.
-void Server::refuse(tcp::socket socket) {
-    log_.client_line("refused client from " + describe_peer(socket) + ": already " +
-                     std::to_string(sessions_.network_clients()) + " clients (max_clients)");
+// One line saying why (logged by the admission), then the connection is closed.
+void Server::refuse(tcp::socket socket, const std::string& line_for_client) {
     boost::system::error_code ignored;
+    if (line_for_client.empty()) {
+        socket.close(ignored);
+        return;
+    }
     socket.set_option(tcp::no_delay(true), ignored);
     auto refused = std::make_shared<tcp::socket>(std::move(socket));
-    auto line = std::make_shared<const std::string>("too many clients: the limit is " +
-                                                    std::to_string(context_.limits.max_clients) + "\r\n");
+    auto line = std::make_shared<const std::string>(line_for_client);
     asio::async_write(*refused, asio::buffer(*line), [refused, line](const boost::system::error_code&, std::size_t) {
         boost::system::error_code ignored;
         refused->shutdown(tcp::socket::shutdown_both, ignored);

@@ -10,6 +10,7 @@
 
 #include "host/plugin_library.h"
 #include "sim/config.h"
+#include "sim/links/admission.h"
 #include "sim/links/link_status.h"
 #include "sim/links/serial_link.h"
 #include "sim/links/tcp_listener.h"
@@ -52,8 +53,9 @@ public:
 private:
     void accept(boost::asio::ip::tcp::socket socket, const LinkSettings& link);
     bool start_session(std::unique_ptr<Transport> transport, const LinkSettings& link,
-                       std::function<void(const std::string&)> on_stopped = nullptr);
-    void refuse(boost::asio::ip::tcp::socket socket);
+                       std::function<void(const std::string&)> on_stopped = nullptr,
+                       Admission::Place place = {});
+    void refuse(boost::asio::ip::tcp::socket socket, const std::string& line);
     void wait_for_signals();
     void wait_for_other_signals();
     void shut_down(int signal);
@@ -67,6 +69,7 @@ private:
     std::unique_ptr<StateWriter> state_writer_;  // commits to state_, off the event loop
     std::unique_ptr<RecordDirectory> recordings_;  // --record; declared before the sessions that record to it
     SessionManager sessions_;
+    Admission admission_;  // places of the TCP clients, failed logins
     SwitchQueue switches_;
     SessionContext context_;
     std::unique_ptr<web::WebView> web_;

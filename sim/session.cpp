@@ -2,6 +2,7 @@
 
 #include <boost/asio/post.hpp>
 
+#include "sim/links/admission.h"
 #include "sim/session_manager.h"
 
 namespace routerd {
@@ -18,12 +19,14 @@ constexpr std::chrono::milliseconds kCostlySlice{1};
 }  // namespace
 
 Session::Session(std::unique_ptr<Transport> transport, int id, const LinkSettings& settings,
-                 const SessionContext& context)
+                 const SessionContext& context, AddressShares::Place place)
     : transport_(std::move(transport)),
+      place_(std::move(place)),
       id_(id),
       link_note_(settings.note()),
       context_(context),
-      front_(settings, transport_->executor(), context.log, client_name(id) + " (" + transport_->peer() + ")"),
+      front_(settings, transport_->executor(), context.log, client_name(id) + " (" + transport_->peer() + ")",
+             context.admission ? &context.admission->failed_logins() : nullptr, place_.address()),
       link_(*this),
       converter_(id, context),
       input_(id, context.log, context.limits.max_line_bytes),
@@ -85,6 +88,7 @@ void Session::stop(const std::string& reason) {
     converter_.destroy();
     front_.stop();
     transport_->close();
+    place_.give_back();
     output_.clear();
     context_.log.client_line(name() + " disconnected: " + reason);
     if (context_.watcher) context_.watcher->client_disconnected(*this, reason);
@@ -215,7 +219,7 @@ void Session::on_read(const boost::system::error_code& ec, std::size_t length) {
 // What followed the password waits for the instance's introduction.
 void Session::logged_in(std::size_t begin, std::size_t end) {
     flush();
-    if (state_ != State::logging_in) return;
+    if (state_ != State::logging_in || !take_client_place()) return;
     accept_input(begin, end);
     if (state_ != State::logging_in) return;
     try {
@@ -223,6 +227,21 @@ void Session::logged_in(std::size_t begin, std::size_t end) {
     } catch (const std::exception& e) {
         stop(std::string("cannot start a session: ") + e.what());
     }
+}
+
+// At the prompt the client held a place of the login budget; logged in, it
+// needs one among max_clients, or is told there is none and closed.
+bool Session::take_client_place() {
+    if (!context_.admission || !place_) return true;
+    Admission::Verdict verdict = context_.admission->after_login(place_.address());
+    if (!verdict.place) {
+        reply(verdict.line);
+        reply_now();
+        close_after_output(verdict.reason);
+        return false;
+    }
+    place_ = std::move(verdict.place);
+    return true;
 }
 
 // The buffer's [begin, end) is for the converter, after the line checks.

@@ -13,6 +13,7 @@
 #include "sim/converter.h"
 #include "sim/client_output.h"
 #include "sim/limits.h"
+#include "sim/links/address_shares.h"
 #include "sim/links/front.h"
 #include "sim/links/link_settings.h"
 #include "sim/links/transport.h"
@@ -62,7 +63,10 @@ class Session : public std::enable_shared_from_this<Session>,
 public:
     using Clock = std::chrono::steady_clock;
 
-    Session(std::unique_ptr<Transport> transport, int id, const LinkSettings& settings, const SessionContext& context);
+    // `place` is the client's place among the TCP clients (or, on a login
+    // link, among the clients at a login prompt); serial links hold none.
+    Session(std::unique_ptr<Transport> transport, int id, const LinkSettings& settings, const SessionContext& context,
+            AddressShares::Place place = {});
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
@@ -81,8 +85,8 @@ public:
     // Writes what the instance has sent, as far as the link takes it now.
     void flush();
     // Disconnects a client whose output has not moved for the output timeout,
-    // that has not logged in in time, or that has sent nothing for the link's
-    // idle timeout.
+    // that has sent nothing within the first-byte timeout, that has not logged
+    // in in time, or that has sent nothing for the link's idle timeout.
     void check_timeouts(Clock::time_point now);
     // Hands the slice scheduled by schedule_slice() to the instance.
     void run_scheduled_slice();
@@ -134,6 +138,7 @@ private:
     void do_read();
     void on_read(const boost::system::error_code& ec, std::size_t length) override;
     void logged_in(std::size_t begin, std::size_t end);
+    bool take_client_place();
     void accept_input(std::size_t begin, std::size_t end);
     void continue_input();
     void schedule_slice();
@@ -145,6 +150,7 @@ private:
     std::string name() const { return client_name(id_) + " (" + info_.peer + ")"; }
 
     std::unique_ptr<Transport> transport_;
+    AddressShares::Place place_;  // given back when the session goes
     const int id_;
     const std::string link_note_;  // for the log: " (telnet, login)", or nothing for a plain link
     const SessionContext& context_;

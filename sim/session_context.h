@@ -14,6 +14,7 @@
 
 namespace routerd {
 
+class Admission;
 class SessionManager;
 class SessionWatcher;
 
@@ -31,6 +32,7 @@ struct SessionContext {
     std::size_t output_bound;  // the most one event may leave waiting for a client (see limits.h)
     std::size_t report_room;   // router reports that may wait besides a client's own answers
     SessionWatcher* watcher = nullptr;
+    Admission* admission = nullptr;  // the places of TCP clients and failed logins; null in tests of a session alone
 };
 
 }  // namespace routerd

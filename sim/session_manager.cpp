@@ -6,19 +6,10 @@
 
 namespace routerd {
 
-namespace {
-
-// Serial ports are configured, not arriving: max_clients does not count them.
-bool is_network_client(const Session& session) { return session.info().link != "serial"; }
-
-}  // namespace
-
-void SessionManager::join(const std::shared_ptr<Session>& session) {
-    if (sessions_.insert(session).second && is_network_client(*session)) ++network_clients_;
-}
+void SessionManager::join(const std::shared_ptr<Session>& session) { sessions_.insert(session); }
 
 void SessionManager::leave(const std::shared_ptr<Session>& session) {
-    if (sessions_.erase(session) > 0 && is_network_client(*session)) --network_clients_;
+    sessions_.erase(session);
     memory_released();
 }
 

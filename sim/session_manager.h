@@ -21,8 +21,6 @@ public:
     void join(const std::shared_ptr<Session>& session);
     void leave(const std::shared_ptr<Session>& session);
     std::size_t size() const { return sessions_.size(); }
-    // Clients on TCP ports, what max_clients bounds; serial ports are configured, not arriving.
-    std::size_t network_clients() const { return network_clients_; }
     const std::set<std::shared_ptr<Session>>& sessions() const { return sessions_; }
     void stop_all();
 
@@ -51,7 +49,6 @@ private:
 
     boost::asio::any_io_executor executor_;
     std::set<std::shared_ptr<Session>> sessions_;
-    std::size_t network_clients_ = 0;
     std::deque<std::shared_ptr<Session>> costly_slices_;
     bool costly_slice_posted_ = false;
     std::vector<std::shared_ptr<Session>> awaiting_flush_;

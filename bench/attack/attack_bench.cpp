@@ -46,7 +46,8 @@ struct Options {
     double seconds = 5;
     std::size_t line_bytes = 1000;
     int hostiles = 15;
-    std::string server_keys = "max_clients = 24\n";
+    // Every client comes from 127.0.0.1.
+    std::string server_keys = "max_clients = 24\nmax_clients_per_address = 24\n";
 };
 
 [[noreturn]] void usage(const std::string& problem) {

@@ -4,18 +4,15 @@
 
 namespace routerd {
 
-namespace {
-
-// A wrong login waits this long before the next prompt: guessing is slow.
-constexpr std::chrono::seconds kLoginDelay{1};
-
-}  // namespace
-
-Front::Front(const LinkSettings& settings, boost::asio::any_io_executor executor, const Log& log, std::string name)
+Front::Front(const LinkSettings& settings, boost::asio::any_io_executor executor, const Log& log, std::string name,
+             FailedLogins* failed_logins, std::string address)
     : login_timeout_(settings.login_timeout),
       idle_timeout_(settings.idle_timeout),
+      first_byte_timeout_(settings.first_byte_timeout),
       log_(log),
       name_(std::move(name)),
+      failed_logins_(failed_logins),
+      address_(std::move(address)),
       opened_at_(Clock::now()),
       heard_at_(opened_at_),
       delay_(std::move(executor)) {
@@ -65,6 +62,7 @@ Front::Read Front::read_login(char* bytes, std::size_t length, FrontUser& user) 
     if (step.outcome == Login::Outcome::refused) refuse(user);
     if (step.outcome != Login::Outcome::passed) return read;
     log_.client_line(name_ + " logged in");
+    if (failed_logins_) failed_logins_->passed(address_);
     // What followed the password is the converter's first input.
     read.outcome = Outcome::logged_in;
     read.begin = step.consumed + login_->rest_of_line_end(bytes + step.consumed, length - step.consumed);
@@ -73,13 +71,15 @@ Front::Read Front::read_login(char* bytes, std::size_t length, FrontUser& user) 
     return read;
 }
 
-// The rest of the input, and whatever comes before the next prompt, is dropped.
+// The rest of the input, and whatever comes before the next prompt, is
+// dropped. The wait grows with every failure from the same address, so that
+// guessing is slow however many connections it is spread over.
 void Front::refuse(FrontUser& user) {
     const int failures = login_->failures();
     log_.client_line(name_ + ": login incorrect (" + std::to_string(failures) + " of " +
                      std::to_string(Login::kMostFailures) + ")");
     login_->restart();
-    delay_.expires_after(kLoginDelay);
+    delay_.expires_after(failed_logins_ ? failed_logins_->failed(address_, Clock::now()) : FailedLogins::kFirstDelay);
     delay_.async_wait([this, user = user.keep_alive(), failures](const boost::system::error_code& ec) {
         if (ec || !login_) return;
         user->reply(Login::kIncorrect);
@@ -101,8 +101,14 @@ std::string_view Front::encode_telnet(const std::string& data) {
 }
 
 std::optional<std::string> Front::overdue(Clock::time_point now) {
-    if (heard_) heard_at_ = now;
+    if (heard_) {
+        heard_at_ = now;
+        spoke_ = true;
+    }
     heard_ = false;
+    if (!spoke_ && first_byte_timeout_.count() > 0 && now - opened_at_ >= first_byte_timeout_)
+        return "nothing received within " + std::to_string(first_byte_timeout_.count()) +
+               " s of connecting (first_byte_timeout)";
     if (login_ && now - opened_at_ >= login_timeout_)
         return "no login within " + std::to_string(login_timeout_.count()) + " s (login_timeout)";
     if (idle_timeout_.count() > 0 && now - heard_at_ >= idle_timeout_)

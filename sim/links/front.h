@@ -10,6 +10,7 @@
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "sim/links/failed_logins.h"
 #include "sim/links/link_settings.h"
 #include "sim/links/login.h"
 #include "sim/links/telnet.h"
@@ -34,9 +35,11 @@ protected:
 };
 
 // The front door of one client link: the telnet protocol, the login
-// dialogue with its delay after a wrong login, and the link's timeouts. Raw bytes from the link come in; what reaches the converter, and
-// what the client is answered, comes out. A plain link's door is open from
-// the start and passes every byte as it is.
+// dialogue with its delay after a wrong login (longer after each failure from
+// the same address: FailedLogins), and the link's timeouts. Raw bytes from
+// the link come in; what reaches the converter, and what the client is
+// answered, comes out. A plain link's door is open from the start and passes
+// every byte as it is.
 class Front {
 public:
     using Clock = std::chrono::steady_clock;
@@ -54,8 +57,11 @@ public:
         std::size_t end = 0;
     };
 
-    // `name` is how the client is called in the log.
-    Front(const LinkSettings& settings, boost::asio::any_io_executor executor, const Log& log, std::string name);
+    // `name` is how the client is called in the log. Failed logins are
+    // counted in `failed_logins` under `address` (share_address); without
+    // it, every wrong login waits the first delay.
+    Front(const LinkSettings& settings, boost::asio::any_io_executor executor, const Log& log, std::string name,
+          FailedLogins* failed_logins = nullptr, std::string address = {});
 
     // The login prompt, when the link asks for a login.
     void start(FrontUser& user);
@@ -75,8 +81,9 @@ public:
     // The converter's output as it goes on the wire.
     std::string_view encode(const std::string& data) { return telnet_ ? encode_telnet(data) : data; }
 
-    // Why the client must go by `now`, or nothing: no login within the time
-    // allowed, or silence past the link's idle timeout. Called once a second:
+    // Why the client must go by `now`, or nothing: nothing sent within the
+    // first-byte timeout, no login within the time allowed, or silence past
+    // the link's idle timeout. Called once a second:
     // the clock is read then, not at every read.
     std::optional<std::string> overdue(Clock::time_point now);
     // Cancels the wait after a wrong login.
@@ -91,12 +98,16 @@ private:
     bool delayed() const;
 
     const std::chrono::seconds login_timeout_;
-    const std::chrono::seconds idle_timeout_;  // 0: none
+    const std::chrono::seconds idle_timeout_;        // 0: none
+    const std::chrono::seconds first_byte_timeout_;  // 0: none
     const Log& log_;
     const std::string name_;
+    FailedLogins* const failed_logins_;  // null: not counted
+    const std::string address_;
     const Clock::time_point opened_at_;
     Clock::time_point heard_at_;  // when the client was last heard, to the second
     bool heard_ = false;          // the client sent something since the last look at the clock
+    bool spoke_ = false;          // the client has sent something, as of the last look at the clock
     std::optional<TelnetCodec> telnet_;
     std::optional<Login> login_;  // until the login has passed
     boost::asio::steady_timer delay_;  // after a wrong login, until the next prompt

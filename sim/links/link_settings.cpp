@@ -9,6 +9,9 @@ std::string LinkSettings::describe() const {
     if (login == LoginMode::password) add("login");
     if (login == LoginMode::any) add("login, any credentials");
     if (idle_timeout.count() > 0) add("idle timeout " + std::to_string(idle_timeout.count()) + " s");
+    if (first_byte_timeout.count() == 0) add("no first-byte timeout");
+    if (first_byte_timeout.count() > 0 && first_byte_timeout != kDefaultFirstByteTimeout)
+        add("first-byte timeout " + std::to_string(first_byte_timeout.count()) + " s");
     return text;
 }
 

@@ -85,6 +85,9 @@ void SerialTransport::close() {
 SerialLink::SerialLink(asio::io_context& io, SerialSettings settings, Starter starter, const Log& log)
     : io_(io), settings_(std::move(settings)), starter_(std::move(starter)), log_(log), reopen_timer_(io) {
     link_.idle_timeout = settings_.idle_timeout;
+    // A panel on a serial line may stay silent for hours, and the port holds
+    // no place that another client could want.
+    link_.first_byte_timeout = std::chrono::seconds(0);
 }
 
 void SerialLink::open_port() { opened_ = std::make_unique<SerialTransport>(io_, settings_); }

@@ -21,8 +21,13 @@ namespace {
 
 constexpr std::uint32_t kMaxHeaderBytes = 8 * 1024;
 constexpr std::uint64_t kMaxBodyBytes = 64 * 1024;
-// A request must arrive whole within this time, a response leave within it.
-constexpr std::chrono::seconds kRequestTimeout{15};
+// A request must arrive whole within this time of the connection or of the
+// previous answer: a connection that sends none holds a place others may want.
+// A browser sends its request at once, and opens a new connection when it
+// finds an idle one closed.
+constexpr std::chrono::seconds kRequestTimeout{5};
+// A response must leave within this time.
+constexpr std::chrono::seconds kResponseTimeout{15};
 
 http::response<http::string_body> make_response(http::status status, unsigned version, std::string_view type,
                                                 std::string body) {
@@ -42,8 +47,12 @@ http::response<http::string_body> make_response(http::status status, unsigned ve
 
 }  // namespace
 
-HttpSession::HttpSession(tcp::socket socket, WebState& state, Listener& listener)
-    : stream_(std::move(socket)), state_(state), listener_(listener), buffer_(kMaxHeaderBytes + kMaxBodyBytes) {
+HttpSession::HttpSession(tcp::socket socket, WebState& state, Listener& listener, AddressShares::Place place)
+    : stream_(std::move(socket)),
+      place_(std::move(place)),
+      state_(state),
+      listener_(listener),
+      buffer_(kMaxHeaderBytes + kMaxBodyBytes) {
     peer_ = describe_peer(stream_.socket());
     listener_.joined(*this);
 }
@@ -146,16 +155,15 @@ void HttpSession::upgrade(Request request) {
                                    error_message("WebSocket accepted only from the page itself", "Origin")),
                      true);
     }
-    if (state_.pages() >= state_.config().max_pages) {
-        state_.log().client_line("page from " + peer_ + " refused: already " + std::to_string(state_.pages()) +
-                                 " pages (max_pages)");
+    AddressShares::Place page;
+    const std::string refusal = state_.admit_page(place_.address(), peer_, page);
+    if (!refusal.empty())
         return write(make_response(http::status::service_unavailable, request.version(), "application/json",
-                                   error_message("too many pages: the limit is " +
-                                                 std::to_string(state_.config().max_pages))),
+                                   error_message(refusal)),
                      true);
-    }
     stream_.expires_never();
-    std::make_shared<WebSocketSession>(stream_.release_socket(), state_, peer_)->run(std::move(request));
+    std::make_shared<WebSocketSession>(stream_.release_socket(), state_, peer_, std::move(page))
+        ->run(std::move(request));
 }
 
 void HttpSession::write(Response response, bool close_after) {
@@ -171,7 +179,7 @@ void HttpSession::write(Response response, bool close_after) {
 void HttpSession::write_now(Response response, bool close_after) {
     if (close_after) response.keep_alive(false);
     response_ = std::make_shared<Response>(std::move(response));
-    stream_.expires_after(kRequestTimeout);
+    stream_.expires_after(kResponseTimeout);
     http::async_write(stream_, *response_,
                       [self = shared_from_this(), close_after](const boost::system::error_code& ec, std::size_t) {
                           self->on_write(ec, close_after);

@@ -9,6 +9,8 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 
+#include "sim/links/address_shares.h"
+
 namespace routerd::web {
 
 class WebState;
@@ -16,11 +18,13 @@ class Listener;
 
 // One HTTP connection: the page's files, the API, and the upgrade to a
 // WebSocket that a page opens. Requests are read with bounded header and body
-// sizes and a time limit; Beast parses what has arrived in each event, so a
+// sizes and a short time limit, so that a connection that sends no request
+// soon gives its place back; Beast parses what has arrived in each event, so a
 // slow or malformed client costs the others no more than one short event.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
 public:
-    HttpSession(boost::asio::ip::tcp::socket socket, WebState& state, Listener& listener);
+    // `place` is the connection's place among the listener's, held while it lives.
+    HttpSession(boost::asio::ip::tcp::socket socket, WebState& state, Listener& listener, AddressShares::Place place);
     ~HttpSession();
 
     void run() { do_read(); }
@@ -41,6 +45,7 @@ private:
     void on_write(const boost::system::error_code& ec, bool close_after);
 
     boost::beast::tcp_stream stream_;
+    AddressShares::Place place_;
     WebState& state_;
     Listener& listener_;
     std::string peer_;

@@ -32,6 +32,8 @@ WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig&
       switches_(switches),
       sessions_(sessions),
       log_(log),
+      page_places_(config.web.max_pages, config.web.max_pages_per_address),
+      refusals_(log, ""),
       page_queue_bound_(kPageQueueBase + 2 * kFrameBytesPerDestination * router.total_destinations()),
       push_timer_(executor_) {
     router_.subscribe(*this);
@@ -139,6 +141,29 @@ void WebState::tick() {
     const auto now = std::chrono::steady_clock::now();
     for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end()))
         page->check_stalled(now);
+    refusals_.end_quiet(now);
+}
+
+std::string WebState::admit_page(const std::string& address, const std::string& peer, AddressShares::Place& page) {
+    const auto now = std::chrono::steady_clock::now();
+    switch (page_places_.take(address, page)) {
+        case AddressShares::Verdict::taken:
+            return {};
+        case AddressShares::Verdict::full:
+            refusals_.refused("pages (max_pages)", now, [&] {
+                return "page from " + peer + " refused: already " + std::to_string(page_places_.held()) +
+                       " pages (max_pages)";
+            });
+            return "too many pages: the limit is " + std::to_string(page_places_.total());
+        case AddressShares::Verdict::address_full:
+            break;
+    }
+    const std::string held = std::to_string(page_places_.held_by(address)) + " of " +
+                             std::to_string(page_places_.per_address());
+    refusals_.refused("pages from " + address + " (max_pages_per_address)", now, [&] {
+        return "page from " + peer + " refused: " + address + " has " + held + " pages open (max_pages_per_address)";
+    });
+    return "too many pages from your address (" + held + ")";
 }
 
 // In an event of its own, so that what the current event changes goes too;

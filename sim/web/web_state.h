@@ -16,7 +16,9 @@
 #include "sim/config.h"
 #include "sim/log.h"
 #include "sim/router/router.h"
+#include "sim/links/address_shares.h"
 #include "sim/links/link_status.h"
+#include "sim/links/refusal_bursts.h"
 #include "sim/session.h"
 #include "sim/session_manager.h"
 #include "sim/router/state_writer.h"
@@ -70,6 +72,13 @@ public:
     std::string hello() const;
     // Sends the page its hello, after the messages before it.
     void greet(const std::shared_ptr<WebSocketSession>& page);
+
+    // A place for a page from `address` (see share_address) in `page`, or
+    // why not, in plain words for the answer; refusals are logged once per
+    // burst (RefusalBursts).
+    std::string admit_page(const std::string& address, const std::string& peer, AddressShares::Place& page);
+    // Refused connections, logged once per burst.
+    RefusalBursts& refusals() { return refusals_; }
 
     // Pages register while open; they are told every frame.
     std::size_t pages() const { return pages_.size(); }
@@ -125,6 +134,8 @@ private:
     const Log& log_;
     ActivityLog activity_{kActivityEvents};
     std::set<WebSocketSession*> pages_;
+    AddressShares page_places_;  // max_pages, shared out by address
+    RefusalBursts refusals_;
     int next_page_ = 1;
     std::size_t page_queue_bound_;
 

@@ -20,8 +20,8 @@ constexpr int kSocketSendBuffer = 256 * 1024;
 
 }  // namespace
 
-WebSocketSession::WebSocketSession(tcp::socket socket, WebState& state, std::string peer)
-    : ws_(std::move(socket)), state_(state), id_(state.next_page_id()), peer_(std::move(peer)) {
+WebSocketSession::WebSocketSession(tcp::socket socket, WebState& state, std::string peer, AddressShares::Place place)
+    : ws_(std::move(socket)), place_(std::move(place)), state_(state), id_(state.next_page_id()), peer_(std::move(peer)) {
     state_.join(*this);
 }
 

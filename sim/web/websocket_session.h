@@ -11,6 +11,8 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include "sim/links/address_shares.h"
+
 namespace routerd::web {
 
 class WebState;
@@ -21,7 +23,9 @@ class WebState;
 // a log line, so that memory stays bounded and the router never waits.
 class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
 public:
-    WebSocketSession(boost::asio::ip::tcp::socket socket, WebState& state, std::string peer);
+    // `place` is the page's place among max_pages, held while it lives.
+    WebSocketSession(boost::asio::ip::tcp::socket socket, WebState& state, std::string peer,
+                     AddressShares::Place place);
     ~WebSocketSession();
 
     void run(boost::beast::http::request<boost::beast::http::string_body> request);
@@ -39,6 +43,7 @@ private:
     void on_write(const boost::system::error_code& ec, std::size_t length);
 
     boost::beast::websocket::stream<boost::beast::tcp_stream> ws_;
+    AddressShares::Place place_;
     WebState& state_;
     const int id_;
     const std::string peer_;

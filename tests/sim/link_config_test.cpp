@@ -196,5 +196,76 @@ TEST_F(LinkConfig, ASerialPortWithoutDeviceIsRefused) {
     EXPECT_EQ(error_of("[[serial]]\nbaud = 9600\n"), "FILE:1: key 'serial[0].device': missing");
 }
 
+TEST_F(LinkConfig, AListenerClosesASilentConnectionAfterThirtySecondsByDefaultAndSaysNothingOfIt) {
+    const SimulatorConfig config = load("[[listen]]\naddress = \"127.0.0.1:0\"\n");
+    EXPECT_EQ(config.listeners[0].link.first_byte_timeout, std::chrono::seconds(30));
+    EXPECT_EQ(config.listeners[0].link.describe(), "");
+    EXPECT_EQ(load("").listeners[0].link.first_byte_timeout, std::chrono::seconds(30));
+}
+
+TEST_F(LinkConfig, TheServersFirstByteTimeoutHoldsForListenersWithoutTheirOwn) {
+    const SimulatorConfig config = load(R"(
+[server]
+first_byte_timeout = 5
+
+[[listen]]
+address = "127.0.0.1:0"
+
+[[listen]]
+address = "127.0.0.1:0"
+first_byte_timeout = 0
+
+[[listen]]
+address = "127.0.0.1:0"
+first_byte_timeout = 30
+)");
+    ASSERT_EQ(config.listeners.size(), 3u);
+    EXPECT_EQ(config.listeners[0].link.describe(), "first-byte timeout 5 s");
+    EXPECT_EQ(config.listeners[1].link.describe(), "no first-byte timeout");
+    EXPECT_EQ(config.listeners[2].link.describe(), "");
+    EXPECT_EQ(load("[server]\nlisten = \"127.0.0.1:0\"\nfirst_byte_timeout = 7\n").listeners[0].link.first_byte_timeout,
+              std::chrono::seconds(7));
+}
+
+TEST_F(LinkConfig, AFirstByteTimeoutOverAnHourIsRefused) {
+    EXPECT_EQ(error_of("[[listen]]\naddress = \"127.0.0.1:0\"\nfirst_byte_timeout = 3601\n"),
+              "FILE:3: key 'listen[0].first_byte_timeout': must be an integer from 0 to 3600");
+    EXPECT_EQ(error_of("[server]\nfirst_byte_timeout = -1\n"),
+              "FILE:2: key 'server.first_byte_timeout': must be an integer from 0 to 3600");
+}
+
+TEST_F(LinkConfig, OneAddressMayHoldHalfOfMaxClientsRoundedUpUnlessSet) {
+    const SimulatorConfig defaults = load("");
+    EXPECT_EQ(defaults.limits.max_clients, 16u);
+    EXPECT_EQ(defaults.limits.max_clients_per_address, 8u);
+    EXPECT_EQ(defaults.limits.max_clients_logging_in, 8u);
+    EXPECT_EQ(logging_in_per_address(defaults.limits), 4u);
+    const SimulatorConfig five = load("[server]\nmax_clients = 5\n");
+    EXPECT_EQ(five.limits.max_clients_per_address, 3u);
+    EXPECT_EQ(five.limits.max_clients_logging_in, 3u);
+    EXPECT_EQ(logging_in_per_address(five.limits), 2u);
+    const SimulatorConfig set =
+        load("[server]\nmax_clients = 5\nmax_clients_per_address = 5\nmax_clients_logging_in = 2\n");
+    EXPECT_EQ(set.limits.max_clients_per_address, 5u);
+    EXPECT_EQ(set.limits.max_clients_logging_in, 2u);
+    EXPECT_EQ(logging_in_per_address(set.limits), 2u);
+    EXPECT_EQ(logging_in_per_address(load("[server]\nmax_clients = 1\n").limits), 1u);
+}
+
+TEST_F(LinkConfig, AShareLargerThanMaxClientsIsRefused) {
+    EXPECT_EQ(error_of("[server]\nmax_clients = 4\nmax_clients_per_address = 5\n"),
+              "FILE:3: key 'server.max_clients_per_address': at most server.max_clients (4)");
+    EXPECT_EQ(error_of("[server]\nmax_clients_logging_in = 0\n"),
+              "FILE:2: key 'server.max_clients_logging_in': must be an integer from 1 to 100000");
+}
+
+TEST_F(LinkConfig, OneAddressMayHoldHalfOfTheWebPagesUnlessSet) {
+    EXPECT_EQ(load("").web.max_pages_per_address, 8u);
+    EXPECT_EQ(load("[http]\nmax_pages = 3\n").web.max_pages_per_address, 2u);
+    EXPECT_EQ(load("[http]\nmax_pages = 3\nmax_pages_per_address = 3\n").web.max_pages_per_address, 3u);
+    EXPECT_EQ(error_of("[http]\nmax_pages = 3\nmax_pages_per_address = 4\n"),
+              "FILE:3: key 'http.max_pages_per_address': must be an integer from 1 to 3");
+}
+
 }  // namespace
 }  // namespace routerd

@@ -69,8 +69,10 @@ class Routerd:
         for _ in range(announced):
             line = self.process.stdout.readline().decode()
             if not line:
+                self.process.wait()
+                log = self.log()
                 self.close()
-                raise RuntimeError("leitch-routerd did not start: %r\n%s" % (self.announcements, self.log()))
+                raise RuntimeError("leitch-routerd did not start: %r\n%s" % (self.announcements, log))
             self.announcements.append(line.rstrip("\n"))
         self.ports = [int(m.group(1)) for m in
                       (re.match(r"listening on 127\.0\.0\.1:(\d+)", line) for line in self.announcements) if m]
@@ -80,8 +82,9 @@ class Routerd:
             if line.startswith("web view on http://"):
                 self.web_port = int(line.rstrip("/").rsplit(":", 1)[1])
         if web_view and self.web_port is None:
+            log = self.log()
             self.close()
-            raise RuntimeError("no web view: %r\n%s" % (self.announcements, self.log()))
+            raise RuntimeError("no web view: %r\n%s" % (self.announcements, log))
 
     @property
     def url(self):
@@ -158,11 +161,19 @@ def run_routerd(*args, timeout=30):
     return done.returncode, done.stdout.decode(), done.stderr.decode()
 
 
-class LeitchClient:
-    """A Leitch client over TCP."""
+def connect(port, source=None, timeout=10):
+    """A TCP connection to 127.0.0.1:`port`, from the loopback address `source`
+    ("127.0.0.2", ...: every 127.x.y.z reaches a listener on 127.0.0.1, and the
+    simulator sees another client address) or from 127.0.0.1."""
+    return socket.create_connection(("127.0.0.1", port), timeout=timeout,
+                                    source_address=(source, 0) if source else None)
 
-    def __init__(self, port):
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout=10)
+
+class LeitchClient:
+    """A Leitch client over TCP, from the loopback address `source` if given."""
+
+    def __init__(self, port, source=None):
+        self.sock = connect(port, source)
         self.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.received = b""
 
@@ -197,9 +208,11 @@ class LeitchClient:
         self.sock.close()
 
 
-def request(routerd, method, path, body=None, headers=None, raw_body=None):
-    """(status, parsed JSON or text) of one HTTP request."""
-    connection = http.client.HTTPConnection("127.0.0.1", routerd.web_port, timeout=10)
+def request(routerd, method, path, body=None, headers=None, raw_body=None, source=None):
+    """(status, parsed JSON or text) of one HTTP request, from the loopback
+    address `source` if given."""
+    connection = http.client.HTTPConnection("127.0.0.1", routerd.web_port, timeout=10,
+                                            source_address=(source, 0) if source else None)
     data = raw_body if raw_body is not None else (json.dumps(body) if body is not None else None)
     all_headers = {"Content-Type": "application/json"} if data is not None else {}
     all_headers.update(headers or {})
@@ -214,13 +227,16 @@ def request(routerd, method, path, body=None, headers=None, raw_body=None):
 
 
 class WebSocket:
-    """A minimal WebSocket client: text messages in, nothing out."""
+    """A minimal WebSocket client: text messages in, nothing out. After the
+    handshake, `status` is the answer's status and, for a refusal, `body` its body."""
 
-    def __init__(self, port, origin=None, host=None, receive_buffer=None):
+    def __init__(self, port, origin=None, host=None, receive_buffer=None, source=None):
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         if receive_buffer:
             self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         self.sock.settimeout(10)
+        if source:
+            self.sock.bind((source, 0))
         self.sock.connect(("127.0.0.1", port))
         key = base64.b64encode(os.urandom(16)).decode()
         lines = ["GET /ws HTTP/1.1", "Host: %s" % (host or "127.0.0.1:%d" % port), "Upgrade: websocket",
@@ -236,6 +252,18 @@ class WebSocket:
             self.buffer += chunk
         head, _, self.buffer = self.buffer.partition(b"\r\n\r\n")
         self.status = int(head.split(b" ")[1]) if head else 0
+        self.body = b""
+        if self.status != 101:
+            # A refusal closes the connection after its body.
+            while True:
+                try:
+                    chunk = self.sock.recv(4096)
+                except (socket.timeout, ConnectionResetError):
+                    break
+                if not chunk:
+                    break
+                self.buffer += chunk
+            self.body, self.buffer = self.buffer, b""
 
     def _fill(self, count, deadline):
         while len(self.buffer) < count:

@@ -95,7 +95,10 @@ simtest::ExitResult run_to_end(const std::vector<std::string>& args, std::chrono
         simtest::RouterdOptions{args, routerd_path(), simtest::LogReader::reads, open_file_limit}, timeout);
 }
 
-std::string server_keys(const std::string& extra = "") { return "max_clients = 24\n" + extra; }
+// Hostile clients, the observer and the reader all come from 127.0.0.1.
+std::string server_keys(const std::string& extra = "") {
+    return "max_clients = 24\nmax_clients_per_address = 24\n" + extra;
+}
 
 // A simulator with a configuration file of its own.
 struct Simulator {

@@ -130,6 +130,7 @@ TEST_F(FrontTest, AClientThatHasNotLoggedInInTimeMustGo) {
     settings.login_timeout = 60s;
     Front front = door(settings);
     const auto now = Front::Clock::now();
+    read(front, "panel\r\n", Front::Outcome::logging_in);
     EXPECT_EQ(front.overdue(now + 59s), std::nullopt);
     EXPECT_EQ(front.overdue(now + 61s), "no login within 60 s (login_timeout)");
 }
@@ -137,6 +138,7 @@ TEST_F(FrontTest, AClientThatHasNotLoggedInInTimeMustGo) {
 TEST_F(FrontTest, ASilentClientMustGoAfterTheIdleTimeoutCountedFromWhenItWasLastHeard) {
     LinkSettings settings;
     settings.idle_timeout = 300s;
+    settings.first_byte_timeout = 0s;
     Front front = door(settings);
     const auto now = Front::Clock::now();
     EXPECT_EQ(front.overdue(now + 200s), std::nullopt);
@@ -148,7 +150,51 @@ TEST_F(FrontTest, ASilentClientMustGoAfterTheIdleTimeoutCountedFromWhenItWasLast
 
 TEST_F(FrontTest, WithoutAnIdleTimeoutASilentClientMayStay) {
     Front front = door({});
+    read(front, "@", Front::Outcome::data);
     EXPECT_EQ(front.overdue(Front::Clock::now() + 100000s), std::nullopt);
+}
+
+TEST_F(FrontTest, AClientThatSendsNothingMustGoAfterTheFirstByteTimeout) {
+    Front front = door({});
+    const auto now = Front::Clock::now();
+    EXPECT_EQ(front.overdue(now + 29s), std::nullopt);
+    EXPECT_EQ(front.overdue(now + 30s), "nothing received within 30 s of connecting (first_byte_timeout)");
+}
+
+TEST_F(FrontTest, OneByteBeforeTheFirstByteTimeoutIsEnoughForEver) {
+    Front front = door({});
+    const auto now = Front::Clock::now();
+    EXPECT_EQ(front.overdue(now + 10s), std::nullopt);
+    read(front, "@", Front::Outcome::data);
+    EXPECT_EQ(front.overdue(now + 29s), std::nullopt);
+    EXPECT_EQ(front.overdue(now + 100000s), std::nullopt);
+}
+
+TEST_F(FrontTest, WithoutAFirstByteTimeoutASilentClientMayStay) {
+    LinkSettings settings;
+    settings.first_byte_timeout = 0s;
+    Front front = door(settings);
+    EXPECT_EQ(front.overdue(Front::Clock::now() + 100000s), std::nullopt);
+}
+
+TEST_F(FrontTest, AWrongLoginWaitsLongerAfterEarlierFailuresFromTheSameAddress) {
+    FailedLogins failures(log);
+    failures.failed("127.0.0.2", Front::Clock::now());
+    failures.failed("127.0.0.2", Front::Clock::now());
+    Front front(with_login(), io.get_executor(), log, "client 1 (127.0.0.2:5000)", &failures, "127.0.0.2");
+    read(front, "panel\r\nguess\r\n", Front::Outcome::logging_in);
+    io.run_for(3500ms);  // the third failure of the address: 4 s
+    EXPECT_EQ(panel->replies, "password: ");
+    io.run_for(1s);
+    EXPECT_EQ(panel->replies, "password: login incorrect\r\nlogin: |");
+}
+
+TEST_F(FrontTest, ALoginThatPassesForgetsTheFailuresOfItsAddress) {
+    FailedLogins failures(log);
+    failures.failed("127.0.0.2", Front::Clock::now());
+    Front front(with_login(), io.get_executor(), log, "client 1 (127.0.0.2:5000)", &failures, "127.0.0.2");
+    read(front, "panel\r\nsecret\r\n", Front::Outcome::logged_in);
+    EXPECT_EQ(failures.addresses(), 0u);
 }
 
 }  // namespace
