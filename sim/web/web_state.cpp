@@ -169,6 +169,7 @@ std::string WebState::admit_page(const std::string& address, const std::string& 
 // In an event of its own, so that what the current event changes goes too;
 // no sooner than one push interval after the last message.
 void WebState::push_soon() {
+    if (pages_.empty()) return push();  // nothing to send: only the bookkeeping, at once
     if (push_posted_) return;
     push_posted_ = true;
     const auto due = pushed_at_ + config_.push_interval;
@@ -187,13 +188,17 @@ void WebState::push_soon() {
     });
 }
 
+void WebState::forget_changes() {
+    crosspoints_.clear();
+    locks_.clear();
+    crosspoint_at_.clear();
+    lock_at_.clear();
+}
+
 void WebState::push() {
     const bool new_events = activity_.last_seq() != pushed_seq_;
     if (pages_.empty()) {
-        crosspoints_.clear();
-        locks_.clear();
-        crosspoint_at_.clear();
-        lock_at_.clear();
+        if (!crosspoints_.empty() || !locks_.empty()) forget_changes();
         pushed_seq_ = activity_.last_seq();
         clients_changed_ = false;
         return;
@@ -204,10 +209,7 @@ void WebState::push() {
     if (clients_changed_) frame.add_clients_and_links(clients(), links_.links());
     const auto message = std::make_shared<const std::string>(frame.finish());
     pushed_at_ = std::chrono::steady_clock::now();
-    crosspoints_.clear();
-    locks_.clear();
-    crosspoint_at_.clear();
-    lock_at_.clear();
+    forget_changes();
     pushed_seq_ = activity_.last_seq();
     clients_changed_ = false;
     deliver({switches_.tag(), message, {}, false});

@@ -105,6 +105,7 @@ private:
 
     void push_soon();
     void push();
+    void forget_changes();
     // One entry per destination in `changes`, the latest value winning.
     static void gather(std::vector<DestinationChange>& changes, std::unordered_map<std::uint64_t, std::size_t>& at,
                        int level, int destination, int value);
