@@ -155,9 +155,10 @@ class Page(unittest.TestCase):
         self.browser.find_element("id", "salvo-name").send_keys("rehearsal")
         self.browser.find_element("css selector", "#salvo-save button").click()
         self.assertTrue(eventually(lambda: [s["name"] for s in self.view("salvos()")] == ["rehearsal"]))
-        rows = self.browser.find_elements("css selector", "#links tbody tr")
-        self.assertEqual([[cell.text for cell in row.find_elements("tag name", "td")] for row in rows][1],
-                         ["state", os.path.join(state_directory, "state.db"), "SQLite", "saved"])
+        # Read in one go: the panel is drawn again whenever the links change.
+        state_row = ["state", os.path.join(state_directory, "state.db"), "SQLite", "saved"]
+        self.assertTrue(eventually(lambda: state_row in self.browser.execute_script(
+            "return [...document.querySelectorAll('#links tbody tr')].map(r => [...r.cells].map(c => c.textContent))")))
 
         client.send("@ X:0/3,1\r")
         self.assertTrue(eventually(lambda: self.view("source(0, 3)") == 1))
