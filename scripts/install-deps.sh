@@ -21,6 +21,7 @@ packages=(
   chromium chromium-driver python3-selenium  # the web view's tests in a real browser
   dpkg-dev debhelper lintian scdoc        # Debian packages, their checks, the man page
   debootstrap systemd-container           # the install test's fresh Debian root, booted for the service test
+  systemd                                 # systemd-analyze, which checks the unit (a minimal root has none)
   crossbuild-essential-arm64 crossbuild-essential-armhf qemu-user   # ARM builds, tests under emulation
   libgtest-dev:arm64 libgmock-dev:arm64   # GoogleTest for arm64 (multiarch)
   libboost-dev:arm64 libboost-system-dev:arm64 libtomlplusplus-dev:arm64 libsqlite3-dev:arm64 libtelnet-dev:arm64   # the arm64 packages' build

@@ -1,0 +1,73 @@
+#!/usr/bin/env bash
+# Takes with the state file against takes in memory, in one run on one disk:
+# first the disk's own commit rate alone (SQLite, WAL, synchronous = FULL:
+# one fsync a commit, one row each, in the directory the state file goes in),
+# then the load generator against the built-in router in memory and with
+# --state, for 1 and 16 clients. Prints a markdown table.
+#
+#   bench/loadgen/state_run.sh [build-dir] [takes] [directory]
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+build=${1:-$here/../../build/default}
+takes=${2:-2000}
+directory=${3:-${TMPDIR:-/var/tmp}}
+routerd=$build/sim/leitch-routerd
+loadgen=$build/bench/loadgen/leitch-loadgen
+work=$(mktemp -d "$directory/leitch-state-bench.XXXXXX")
+server_pid=
+trap '[ -n "$server_pid" ] && kill "$server_pid" 2>/dev/null; rm -rf "$work"' EXIT
+
+commits=1000
+rate=$(python3 - "$work/alone.db" "$commits" <<'EOF'
+import sqlite3, sys, time
+db = sqlite3.connect(sys.argv[1], isolation_level=None)
+db.execute("PRAGMA locking_mode = EXCLUSIVE")
+db.execute("PRAGMA journal_mode = WAL")
+db.execute("PRAGMA synchronous = FULL")
+db.execute("CREATE TABLE t (k INTEGER PRIMARY KEY, v INTEGER)")
+count = int(sys.argv[2])
+began = time.monotonic()
+for i in range(count):
+    db.execute("BEGIN")
+    db.execute("INSERT OR REPLACE INTO t VALUES (?, ?)", (i % 64, i))
+    db.execute("COMMIT")
+print(round(count / (time.monotonic() - began)))
+EOF
+)
+echo "The disk alone: $rate commits/s (SQLite, WAL, synchronous = FULL, $commits commits of one row)"
+echo
+
+start() {
+  "$@" >"$work/out" 2>"$work/err" &
+  server_pid=$!
+  for _ in $(seq 200); do
+    grep -q '^listening on ' "$work/out" 2>/dev/null && break
+    sleep 0.05
+  done
+  port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/out")
+  [ -n "$port" ] || { cat "$work/err"; exit 1; }
+}
+
+stop() {
+  kill "$server_pid"
+  wait "$server_pid" 2>/dev/null || true
+  server_pid=
+}
+
+echo "| server | clients | sequential takes/s | pipelined takes/s | fan-out p50 µs | p99 µs | max µs | server CPU µs/take | connect to full \"@ S?0\" ms |"
+echo "|---|---:|---:|---:|---:|---:|---:|---:|---:|"
+for clients in 1 16; do
+  for mode in memory state; do
+    args=(--listen 127.0.0.1:0 --http off --config "$here/builtin_router.toml")
+    label="in memory"
+    if [ $mode = state ]; then
+      rm -f "$work"/state.db*
+      args+=(--state "$work/state.db")
+      label="--state"
+    fi
+    start "$routerd" "${args[@]}"
+    "$loadgen" --port "$port" --pid "$server_pid" --clients $clients --destinations 32 --takes "$takes" \
+      --label "$label" | tail -n 1
+    stop
+  done
+done
