@@ -169,6 +169,90 @@ def connect(port, source=None, timeout=10):
                                     source_address=(source, 0) if source else None)
 
 
+class Link:
+    """Bytes from the simulator: whatever arrived beyond what a read asked
+    for waits for the next read."""
+
+    def __init__(self):
+        self.pending = b""
+        self.ended = False
+
+    def _receive(self, timeout):
+        """Bytes received within `timeout`; None if none came, b"" at the end."""
+        raise NotImplementedError
+
+    def _fill(self, deadline):
+        left = deadline - time.monotonic()
+        if left <= 0 or self.ended:
+            return False
+        chunk = self._receive(left)
+        if chunk is None:
+            return False
+        if not chunk:
+            self.ended = True
+            return False
+        self.pending += chunk
+        return True
+
+    def read_until(self, wanted, timeout=5.0):
+        """Everything up to and including `wanted`: a failed assertion, with
+        what did arrive, if it does not come."""
+        deadline = time.monotonic() + timeout
+        while wanted not in self.pending:
+            if not self._fill(deadline):
+                raise AssertionError("waited %.1f s for %r; received %r%s" % (
+                    timeout, wanted, self.pending, " and the link closed" if self.ended else ""))
+        end = self.pending.index(wanted) + len(wanted)
+        found, self.pending = self.pending[:end], self.pending[end:]
+        return found
+
+    def read_for(self, seconds):
+        """Everything that arrives within `seconds` (less if the link ends)."""
+        deadline = time.monotonic() + seconds
+        while self._fill(deadline):
+            pass
+        found, self.pending = self.pending, b""
+        return found
+
+    def closed_within(self, seconds):
+        """True if the other side closes the link within `seconds`; what
+        arrives meanwhile is kept for the next read."""
+        deadline = time.monotonic() + seconds
+        while self._fill(deadline):
+            pass
+        return self.ended
+
+
+class TcpLink(Link):
+    """A raw TCP client, from the loopback address `source` if given."""
+
+    def __init__(self, port, source=None):
+        super().__init__()
+        self.sock = connect(port, source)
+        self.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+
+    @property
+    def peer(self):
+        """How the simulator names this client in its log."""
+        host, port = self.sock.getsockname()
+        return "%s:%d" % (host, port)
+
+    def send(self, data):
+        self.sock.sendall(data)
+
+    def _receive(self, timeout):
+        self.sock.settimeout(timeout)
+        try:
+            return self.sock.recv(65536)
+        except socket.timeout:
+            return None
+        except ConnectionResetError:
+            return b""
+
+    def close(self):
+        self.sock.close()
+
+
 class LeitchClient:
     """A Leitch client over TCP, from the loopback address `source` if given."""
 

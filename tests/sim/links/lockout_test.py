@@ -24,66 +24,12 @@ PROMPT = b"\r\n>"
 USER, PASSWORD = "op", "s3cret"
 
 
-class Link:
-    """A raw TCP client from the loopback address `source`."""
+class Link(harness.TcpLink):
+    """A raw TCP client from the loopback address `source`, closed when the test ends."""
 
     def __init__(self, test, port, source="127.0.0.1"):
-        self.sock = harness.connect(port, source)
-        self.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        self.pending = b""
-        self.ended = False
+        super().__init__(port, source)
         test.addCleanup(self.sock.close)
-
-    @property
-    def peer(self):
-        """How the simulator names this client in its log."""
-        host, port = self.sock.getsockname()
-        return "%s:%d" % (host, port)
-
-    def send(self, data):
-        self.sock.sendall(data)
-
-    def _fill(self, deadline):
-        left = deadline - time.monotonic()
-        if left <= 0 or self.ended:
-            return False
-        self.sock.settimeout(left)
-        try:
-            chunk = self.sock.recv(65536)
-        except socket.timeout:
-            return False
-        except ConnectionResetError:
-            chunk = b""
-        if not chunk:
-            self.ended = True
-            return False
-        self.pending += chunk
-        return True
-
-    def read_until(self, wanted, timeout=5.0):
-        deadline = time.monotonic() + timeout
-        while wanted not in self.pending:
-            if not self._fill(deadline):
-                raise AssertionError("waited %.1f s for %r; received %r%s" % (
-                    timeout, wanted, self.pending, " and the link closed" if self.ended else ""))
-        end = self.pending.index(wanted) + len(wanted)
-        found, self.pending = self.pending[:end], self.pending[end:]
-        return found
-
-    def read_for(self, seconds):
-        deadline = time.monotonic() + seconds
-        while self._fill(deadline):
-            pass
-        found, self.pending = self.pending, b""
-        return found
-
-    def closed_within(self, seconds):
-        """True if the simulator closes the link within `seconds`; what
-        arrives meanwhile is kept."""
-        deadline = time.monotonic() + seconds
-        while self._fill(deadline):
-            pass
-        return self.ended
 
     def served(self):
         """The converter answers: the link holds a place."""
