@@ -32,17 +32,23 @@ def percentile(values, fraction):
 
 
 def paint_latencies(browser, sent):
-    """ms from each take sent to its cell painted; takes overwritten in the
-    same frame before being painted are left out."""
+    """ms from each take sent to the first paint of its cell showing it or a
+    later take to the same destination: a page shows the latest state, so a
+    take overwritten before its message left is shown by the later one."""
     log = browser.execute_script("return routerView.paintLog()")
-    painted = {}
-    for level, destination, source, at in log:
-        painted.setdefault((level, destination, source), []).append(at)
+    takes = {}  # (level, destination) -> [(sent at, source)], in the order sent
+    for (level, destination, source), at in sent:
+        takes.setdefault((level, destination), []).append((at, source))
+    shown = {}  # (level, destination) -> how many of its takes a paint has shown
     latencies = []
-    for key, at in sent:
-        later = [p for p in painted.get(key, []) if p >= at]
-        if later:
-            latencies.append(min(later) - at)
+    for level, destination, source, at in sorted(log, key=lambda entry: entry[3]):
+        cell = takes.get((level, destination), [])
+        # The latest take to this cell with this source sent before the paint.
+        latest = max((i for i, (when, what) in enumerate(cell) if what == source and when <= at), default=-1)
+        first = shown.get((level, destination), 0)
+        for when, _ in cell[first:latest + 1]:
+            latencies.append(at - when)
+        shown[(level, destination)] = max(first, latest + 1)
     return latencies
 
 
