@@ -1,12 +1,12 @@
 // leitch-loadgen: N Leitch clients over loopback against leitch-routerd (or
 // the calibration responder), all in report mode. Prints one markdown table row:
 //   sequential takes/s  - client 0 sends "@ X:", then waits for the "S:" report at every client
-//   pipelined takes/s   - client 0 keeps 32 takes outstanding
+//   pipelined takes/s   - client 0 keeps 32 takes outstanding (--window)
 //   fan-out latency     - from sending "@ X:" to the "S:" report at each client (sequential phase)
 //   CPU per take        - the server's user + system time over both phases, from /proc/PID/stat
 //   full "@ S?0"        - from starting to connect to the prompt after a whole level's status
 //
-//   leitch-loadgen --port P --pid PID --clients N [--destinations D] [--takes K] [--label TEXT]
+//   leitch-loadgen --port P --pid PID --clients N [--destinations D] [--takes K] [--window W] [--label TEXT]
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -149,6 +149,7 @@ Options parse(int argc, char** argv) {
         else if (name == "--clients") o.clients = std::atoi(value);
         else if (name == "--destinations") o.destinations = std::atoi(value);
         else if (name == "--takes") o.takes = std::atoi(value);
+        else if (name == "--window") o.window = std::max(1, std::atoi(value));
         else if (name == "--label") o.label = value;
         else throw std::runtime_error("unknown option " + name);
     }

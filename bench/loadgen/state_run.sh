@@ -3,7 +3,8 @@
 # first the disk's own commit rate alone (SQLite, WAL, synchronous = FULL:
 # one fsync a commit, one row each, in the directory the state file goes in),
 # then the load generator against the built-in router in memory and with
-# --state, for 1 and 16 clients. Prints a markdown table.
+# --state, for 1 and 16 clients keeping 32 takes outstanding, and for 1 client
+# keeping 512 (a window that covers a commit). Prints a markdown table.
 #
 #   bench/loadgen/state_run.sh [build-dir] [takes] [directory]
 set -euo pipefail
@@ -41,18 +42,19 @@ source "$here/server.sh"
 
 echo "| server | clients | sequential takes/s | pipelined takes/s | fan-out p50 µs | p99 µs | max µs | server CPU µs/take | connect to full \"@ S?0\" ms |"
 echo "|---|---:|---:|---:|---:|---:|---:|---:|---:|"
-for clients in 1 16; do
+for run in "1 32" "16 32" "1 512"; do
+  read -r clients window <<<"$run"
   for mode in memory state; do
     args=(--listen 127.0.0.1:0 --http off --config "$here/builtin_router.toml")
-    label="in memory"
+    label="in memory, $window outstanding"
     if [ $mode = state ]; then
       rm -f "$work"/state.db*
       args+=(--state "$work/state.db")
-      label="--state"
+      label="--state, $window outstanding"
     fi
     start "$routerd" "${args[@]}"
     "$loadgen" --port "$port" --pid "$server_pid" --clients $clients --destinations 32 --takes "$takes" \
-      --label "$label" | tail -n 1
+      --window "$window" --label "$label" | tail -n 1
     stop
   done
 done
