@@ -106,6 +106,21 @@ class Routerd:
             time.sleep(0.05)
         return text in self.log()
 
+    def count(self, text):
+        return self.log().count(text)
+
+    def client_id(self, peer, timeout=5.0):
+        """The number the log gives the client connected from `peer`."""
+        pattern = re.compile(r"client (\d+) connected from %s(?: |$)" % re.escape(peer), re.M)
+        deadline = time.monotonic() + timeout
+        while True:
+            found = pattern.search(self.log())
+            if found:
+                return int(found.group(1))
+            if time.monotonic() > deadline:
+                raise AssertionError("no client from %s in the log:\n%s" % (peer, self.log()))
+            time.sleep(0.02)
+
     def resident_kib(self):
         with open("/proc/%d/status" % self.process.pid) as f:
             for line in f:

@@ -93,18 +93,6 @@ class Routerd(harness.Routerd):
         super().__init__(*options, *args, http="off", listen=None, announced=announced)
         test.addCleanup(self.close)
 
-    def client_id(self, peer, timeout=5.0):
-        """The number the log gives the client connected from `peer`."""
-        pattern = re.compile(r"client (\d+) connected from %s(?: |$)" % re.escape(peer), re.M)
-        deadline = time.monotonic() + timeout
-        while True:
-            found = pattern.search(self.log())
-            if found:
-                return int(found.group(1))
-            if time.monotonic() > deadline:
-                raise AssertionError("no client from %s in the log:\n%s" % (peer, self.log()))
-            time.sleep(0.05)
-
     def plugin_lines(self, client):
         """What the verbose log says client `client` sent to its instance."""
         prefix = "client %d << " % client

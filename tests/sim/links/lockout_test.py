@@ -50,20 +50,6 @@ class Routerd(harness.Routerd):
         super().__init__("-c", path, http="off", listen=None, announced=announced)
         test.addCleanup(self.close)
 
-    def count(self, text):
-        return self.log().count(text)
-
-    def client_id(self, peer, timeout=5.0):
-        pattern = re.compile(r"client (\d+) connected from %s(?: |$)" % re.escape(peer), re.M)
-        deadline = time.monotonic() + timeout
-        while True:
-            found = pattern.search(self.log())
-            if found:
-                return int(found.group(1))
-            if time.monotonic() > deadline:
-                raise AssertionError("no client from %s in the log:\n%s" % (peer, self.log()))
-            time.sleep(0.02)
-
 
 def refused_with(test, link, line):
     """The link is told `line`, then closed."""
