@@ -31,12 +31,27 @@ void ClientDriver::PresetCrosspoint(int level, int source, int destination) {
         });
         return;
     }
-    const auto [slot, added] = preset_index_.try_emplace(key(level, destination), presets_.size());
-    if (added) {
-        presets_.push_back({level, source, destination});
-    } else {
-        presets_[slot->second].source = source;
+    if (Preset* preset = queued(level, destination)) {
+        preset->source = source;
+        return;
     }
+    if (!preset_index_.empty()) preset_index_.emplace(key(level, destination), presets_.size());
+    presets_.push_back({level, source, destination});
+}
+
+ClientDriver::Preset* ClientDriver::queued(int level, int destination) {
+    if (presets_.size() <= kScannedPresets) {
+        for (Preset& p : presets_) {
+            if (p.level == level && p.destination == destination) return &p;
+        }
+        return nullptr;
+    }
+    if (preset_index_.empty()) {
+        for (std::size_t i = 0; i < presets_.size(); ++i)
+            preset_index_.emplace(key(presets_[i].level, presets_[i].destination), i);
+    }
+    const auto slot = preset_index_.find(key(level, destination));
+    return slot == preset_index_.end() ? nullptr : &presets_[slot->second];
 }
 
 void ClientDriver::LockCrosspoint(int level, int destination, int state) {

@@ -34,6 +34,9 @@ private:
     struct Preset {
         int level, source, destination;
     };
+    // The queue is searched in place while it is this short; past it, through an index.
+    static constexpr std::size_t kScannedPresets = 8;
+    Preset* queued(int level, int destination);
     static std::uint64_t key(int level, int destination) {
         return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(level)) << 32) |
                static_cast<std::uint32_t>(destination);
@@ -48,7 +51,7 @@ private:
     // One preset per destination, as on a router's preset bus: presetting a
     // destination again replaces its source. So the queue never outgrows the router.
     std::vector<Preset> presets_;
-    std::unordered_map<std::uint64_t, std::size_t> preset_index_;
+    std::unordered_map<std::uint64_t, std::size_t> preset_index_;  // empty while the queue is short
 };
 
 }  // namespace routerd

@@ -12,7 +12,7 @@ std::string ClientOutput::behind_reason() const {
 }
 
 std::optional<std::string> ClientOutput::overdue(Clock::time_point now) const {
-    if (waiting() == 0) return std::nullopt;
+    if (waiting() == 0 || progress_at_ == kNotWritten) return std::nullopt;
     const auto timeout = limits_.output_timeout;
     if (now - progress_at_ >= timeout)
         return "no output taken for " + std::to_string(timeout.count()) + " ms (client does not read)";

@@ -55,8 +55,9 @@ public:
     // `frame` is the frame the bytes may show, 0 for none; `settled` the last
     // frame settled.
     void append(std::string_view bytes, std::uint64_t frame = 0, std::uint64_t settled = 0) {
-        if (waiting() == 0) progress_at_ = Clock::now();
-        if (frame > settled && (holds_.empty() || holds_.back().frame < frame)) holds_.push_back({appended_, frame});
+        if (frame > settled) hold_for(frame);
+        // The wait is timed from the first write that finds output waiting.
+        if (queue_.empty()) progress_at_ = kNotWritten;
         queue_.append(bytes);
         appended_ += bytes.size();
     }
@@ -95,6 +96,10 @@ private:
         std::uint64_t at;
         std::uint64_t frame;
     };
+    // What is appended from now on waits for `frame`.
+    void hold_for(std::uint64_t frame) {
+        if (holds_.empty() || holds_.back().frame < frame) holds_.push_back({appended_, frame});
+    }
     // What may leave now, after dropping the holds whose frame is settled.
     std::size_t releasable(std::uint64_t settled);
 
@@ -105,7 +110,8 @@ private:
     std::uint64_t appended_ = 0;    // bytes ever appended
     std::size_t most_waiting_ = 0;  // since the output was last all taken
     std::size_t own_answers_ = 0;   // waiting after the client's own last event, while over the mark
-    Clock::time_point progress_at_;  // last time the link took output, or output began to wait
+    static constexpr Clock::time_point kNotWritten = Clock::time_point::max();
+    Clock::time_point progress_at_;  // last time the link took output, or a write found it waiting
     Clock::time_point above_since_;  // when waiting output went above the high-water mark
     bool above_mark_ = false;
 };
@@ -132,10 +138,8 @@ inline ClientOutput::Written ClientOutput::write(Transport& transport, boost::sy
     const std::size_t taken = transport.write_now(queue_.front_buffers(), ec);
     if (ec) return Written::failed;
     const Clock::time_point now = Clock::now();
-    if (taken > 0) {
-        queue_.consume(taken);
-        progress_at_ = now;
-    }
+    if (taken > 0) queue_.consume(taken);
+    if (taken > 0 || progress_at_ == kNotWritten) progress_at_ = now;
     // Everything that could go went: the rest is held.
     if (queue_.handed() == 0 && waiting() > 0) return Written::held;
     if (waiting() == 0) {

@@ -88,8 +88,9 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
         const bool restored = state_->restore_into(router_);
         log_.info(std::string(restored ? "crosspoints and locks restored from " : "crosspoints and locks kept in ") +
                   config.state_file);
-        state_writer_ = std::make_unique<StateWriter>(*state_, io_.get_executor(),
-                                                      [this](std::uint64_t frame) { switches_.settle(frame); }, log_);
+        state_writer_ = std::make_unique<StateWriter>(
+            *state_, [this](std::function<void()> work) { inbox_.post(std::move(work)); },
+            [this](std::uint64_t frame) { switches_.settle(frame); }, log_);
         switches_.set_journal(state_writer_.get());
     }
     // Signals whose default action would end the simulator without a word.
@@ -144,6 +145,7 @@ int Server::run() {
     for (const auto& listener : listeners_) listener->run();
     for (const auto& serial : serial_links_) serial->run();
     web_->run();
+    if (state_writer_) inbox_.start();
     io_.run();
     if (!state_writer_) return 0;
     state_writer_->finish();
@@ -237,6 +239,7 @@ void Server::shut_down(int signal) {
     stopping_ = true;
     sessions_.stop_all();
     web_->stop();
+    inbox_.close();
     refusals_.end_second();
 }
 

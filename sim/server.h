@@ -15,6 +15,7 @@
 #include "sim/links/serial_link.h"
 #include "sim/links/tcp_listener.h"
 #include "sim/log.h"
+#include "sim/loop_inbox.h"
 #include "sim/router/router.h"
 #include "sim/session.h"
 #include "sim/session_manager.h"
@@ -61,7 +62,10 @@ private:
     void shut_down(int signal);
     void tick();
 
-    boost::asio::io_context io_;
+    // One thread runs the loop and nothing else touches it, so it takes no
+    // locks; other threads hand their work over through the inbox.
+    boost::asio::io_context io_{BOOST_ASIO_CONCURRENCY_HINT_UNSAFE};
+    LoopInbox inbox_{io_};
     const Log& log_;
     RefusalLog refusals_;
     Router router_;

@@ -115,10 +115,7 @@ void Session::send(const std::string& data) {
     if (call_ == Call::input && output_.waiting() > context_.output_bound) throw OutputOverflow();
     // Output caused by a router change is written once the frame is told, so
     // that all of it leaves together.
-    if (call_ == Call::none && !awaiting_flush_) {
-        awaiting_flush_ = true;
-        context_.manager.await_flush(shared_from_this());
-    }
+    if (call_ == Call::none) flush_after_frame();
 }
 
 void Session::reply(std::string_view bytes) {
@@ -134,6 +131,14 @@ void Session::flush() {
     if (output_.writing() && output_.behind_the_router()) return drop(output_.behind_reason());
     if (output_.writing() || output_.waiting() == 0) return;
     write_some();
+}
+
+// Output made outside the client's own events (the router's reports) leaves
+// once the frame is told to every client, so that all of it goes in one write.
+void Session::flush_after_frame() {
+    if (awaiting_flush_) return;
+    awaiting_flush_ = true;
+    context_.manager.await_flush(shared_from_this());
 }
 
 void Session::write_some() {
@@ -283,11 +288,11 @@ void Session::run_scheduled_slice() {
 
 void Session::feed_slice() {
     if (state_ != State::open || input_.empty()) return;
-    const std::string slice(input_.next_slice());
+    slice_.assign(input_.next_slice());
     call_ = Call::input;
     const Clock::time_point began = Clock::now();
     try {
-        converter_.receive(slice);
+        converter_.receive(slice_);
     } catch (const OutputOverflow&) {
         call_ = Call::none;
         converter_.discard_event();
@@ -299,7 +304,14 @@ void Session::feed_slice() {
     recent_cost_ = recent_cost_ / 2 + (Clock::now() - began);
     call_ = Call::none;
     output_.answers_done();
-    flush();
+    // A take's answers and its frame's reports leave in one write: the frame
+    // ends before the next read or slice, which are posted after it.
+    if (context_.switches.frame_pending()) {
+        converter_.end_event();
+        flush_after_frame();
+    } else {
+        flush();
+    }
     continue_input();
 }
 

@@ -92,6 +92,8 @@ public:
     void run_scheduled_slice();
 
 private:
+    void flush_after_frame();
+
     enum class State {
         logging_in,   // the front door's login dialogue runs; there is no instance yet
         introducing,  // the instance is being told the router's state; nothing is read yet
@@ -164,6 +166,7 @@ private:
     Introduction introduction_;
 
     ClientInput input_;
+    std::string slice_;  // the input handed to the instance now; its storage is reused
     Reading reading_ = Reading::idle;
     // Converter time of the recent slices, halved at each slice. A new client
     // counts as costly until its first few slices show otherwise, so that

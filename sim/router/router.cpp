@@ -1,6 +1,7 @@
 #include "sim/router/router.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace routerd {
 
@@ -16,13 +17,21 @@ std::string describe(Refusal refusal) {
 }
 
 Router::Router(const std::vector<LevelSpec>& levels) : specs_(levels) {
+    state_.reserve(specs_.size());
     for (const LevelSpec& levelSpec : specs_) {
-        Level& level = state_[levelSpec.number];
+        Level& level = state_.emplace_back();
+        level.number = levelSpec.number;
         level.source_count = levelSpec.sources;
         level.sources.assign(static_cast<std::size_t>(levelSpec.destinations), 0);
         level.locks.assign(static_cast<std::size_t>(levelSpec.destinations), 0);
         level.unpublished.assign(static_cast<std::size_t>(levelSpec.destinations), 0);
         total_destinations_ += static_cast<std::size_t>(levelSpec.destinations);
+    }
+    for (Level& level : state_) {
+        if (level.number < 0 || level.number >= kIndexedLevels) continue;
+        const auto index = static_cast<std::size_t>(level.number);
+        if (by_number_.size() <= index) by_number_.resize(index + 1, nullptr);
+        by_number_[index] = &level;
     }
 }
 
@@ -34,13 +43,19 @@ const LevelSpec* Router::find_level(int level) const {
 }
 
 Router::Level* Router::level_state(int level) {
-    const auto found = state_.find(level);
-    return found == state_.end() ? nullptr : &found->second;
+    return const_cast<Level*>(std::as_const(*this).level_state(level));
 }
 
+// Every change passes here, most of them more than once.
 const Router::Level* Router::level_state(int level) const {
-    const auto found = state_.find(level);
-    return found == state_.end() ? nullptr : &found->second;
+    if (level >= 0 && level < kIndexedLevels) {
+        const auto index = static_cast<std::size_t>(level);
+        return index < by_number_.size() ? by_number_[index] : nullptr;
+    }
+    for (const Level& state : state_) {
+        if (state.number == level) return &state;
+    }
+    return nullptr;
 }
 
 template <typename Tell>

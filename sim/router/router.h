@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -69,6 +68,11 @@ std::string describe(Refusal refusal);
 class Router {
 public:
     explicit Router(const std::vector<LevelSpec>& levels);
+    // Moved, never copied: the index points into the levels.
+    Router(const Router&) = delete;
+    Router& operator=(const Router&) = delete;
+    Router(Router&&) = default;
+    Router& operator=(Router&&) = default;
 
     const std::vector<LevelSpec>& levels() const { return specs_; }
     const LevelSpec* find_level(int level) const;
@@ -102,10 +106,13 @@ public:
     void unsubscribe(RouterObserver& observer);
 
 private:
+    // Level numbers looked up directly; others are searched for.
+    static constexpr int kIndexedLevels = 1024;
     // Bits of Level::unpublished.
     enum : std::uint8_t { crosspoint_changed = 1, lock_changed = 2 };
 
     struct Level {
+        int number = 0;
         int source_count = 0;
         std::vector<int> sources;               // per destination
         std::vector<int> locks;                 // per destination
@@ -124,7 +131,8 @@ private:
     void tell_observers(const Tell& tell);
 
     std::vector<LevelSpec> specs_;
-    std::map<int, Level> state_;  // keyed by the router's level number
+    std::vector<Level> state_;          // in the order of specs_
+    std::vector<Level*> by_number_;     // levels numbered 0 to kIndexedLevels - 1, by number
     std::size_t total_destinations_ = 0;
     std::vector<Change> changes_;  // at most two per destination
     std::vector<Change> publishing_;

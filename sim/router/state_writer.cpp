@@ -1,7 +1,5 @@
 #include "sim/router/state_writer.h"
 
-#include <boost/asio/post.hpp>
-
 namespace routerd {
 
 namespace {
@@ -11,8 +9,8 @@ constexpr std::chrono::seconds kRetryInterval{1};
 
 }  // namespace
 
-StateWriter::StateWriter(StateStore& store, boost::asio::any_io_executor loop, Settled settled, const Log& log)
-    : store_(store), loop_(std::move(loop)), settled_(std::move(settled)), log_(log) {
+StateWriter::StateWriter(StateStore& store, HandBack to_loop, Settled settled, const Log& log)
+    : store_(store), hand_back_(std::move(to_loop)), settled_(std::move(settled)), log_(log) {
     store_.set_notes([this](const std::string& line) { hand_back([this, line] { log_.info(line); }); });
     thread_ = std::thread([this] { work(); });
 }
@@ -41,7 +39,7 @@ void StateWriter::finish() {
     if (health_.unsaved == 0) health_ = {};
 }
 
-void StateWriter::hand_back(std::function<void()> on_loop) { boost::asio::post(loop_, std::move(on_loop)); }
+void StateWriter::hand_back(std::function<void()> on_loop) { hand_back_(std::move(on_loop)); }
 
 void StateWriter::work() {
     std::unique_lock<std::mutex> lock(mutex_);

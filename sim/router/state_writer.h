@@ -12,8 +12,6 @@
 #include <thread>
 #include <vector>
 
-#include <boost/asio/any_io_executor.hpp>
-
 #include "sim/log.h"
 #include "sim/router/router.h"
 #include "sim/router/state_store.h"
@@ -42,9 +40,11 @@ struct StateHealth {
 class StateWriter final : public RouterJournal {
 public:
     using Settled = std::function<void(std::uint64_t frame)>;
+    // Runs work on the event loop; called from the writer's thread.
+    using HandBack = std::function<void(std::function<void()> work)>;
 
     // Takes the store over: from here on only the writer's thread touches it.
-    StateWriter(StateStore& store, boost::asio::any_io_executor loop, Settled settled, const Log& log);
+    StateWriter(StateStore& store, HandBack to_loop, Settled settled, const Log& log);
     ~StateWriter();
     StateWriter(const StateWriter&) = delete;
     StateWriter& operator=(const StateWriter&) = delete;
@@ -70,7 +70,7 @@ private:
                std::optional<std::chrono::system_clock::time_point> since);
 
     StateStore& store_;
-    boost::asio::any_io_executor loop_;
+    HandBack hand_back_;
     Settled settled_;
     const Log& log_;
     StateHealth health_;  // the event loop's copy

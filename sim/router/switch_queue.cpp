@@ -41,12 +41,14 @@ void SwitchQueue::end_frame_soon() {
 
 // The observers are told before the journal has the frame: what they write
 // carries the frame's tag and waits for it.
+// Told even when the frame brought nothing new: output may wait for its end.
 void SwitchQueue::end_frame() {
     frame_pending_ = false;
-    if (!router_.changed()) return;
-    ++told_;
-    const std::vector<PublishedChange>& changes = router_.publish();
-    if (journal_) journal_->keep(changes, told_);
+    if (router_.changed()) {
+        ++told_;
+        const std::vector<PublishedChange>& changes = router_.publish();
+        if (journal_) journal_->keep(changes, told_);
+    }
     if (frame_done_) frame_done_();
 }
 

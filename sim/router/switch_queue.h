@@ -43,7 +43,7 @@ constexpr int kWebClient = 0;
 // does not stop the router. Without a journal every tag is settled.
 class SwitchQueue {
 public:
-    // `frame_done` runs after each frame is told, in the same event.
+    // `frame_done` runs at the end of each frame, after it is told, in the same event.
     SwitchQueue(boost::asio::any_io_executor executor, Router& router, RefusalLog& refusals,
                 std::function<void()> frame_done)
         : executor_(std::move(executor)), router_(router), refusals_(refusals), frame_done_(std::move(frame_done)) {}
@@ -61,6 +61,8 @@ public:
         if (!journal_) return 0;
         return router_.changed() ? told_ + 1 : told_;
     }
+    // A change waits for the end of the frame, which is posted.
+    bool frame_pending() const { return frame_pending_; }
     bool settled(std::uint64_t frame) const { return frame <= settled_; }
     std::uint64_t settled_frame() const { return settled_; }
     // Runs `then` once `frame` is settled: now, if it is.

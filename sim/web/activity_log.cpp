@@ -15,12 +15,21 @@ const char* kind_name(ActivityEvent::Kind kind) {
 }
 
 ActivityEvent& ActivityLog::add(ActivityEvent::Kind kind, int client) {
-    if (events_.size() == capacity_) events_.pop_front();
-    ActivityEvent& event = events_.emplace_back();
+    // In place: a full log reuses the oldest event's storage.
+    if (events_.full()) {
+        events_.rotate(events_.begin() + 1);
+    } else {
+        events_.push_back({});
+    }
+    ActivityEvent& event = events_.back();
+    event.text.clear();
     event.seq = next_seq_++;
     event.time = std::chrono::system_clock::now();
     event.kind = kind;
     event.client = client;
+    event.level = 0;
+    event.destination = 0;
+    event.value = 0;
     return event;
 }
 

@@ -3,8 +3,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <string>
+
+#include <boost/circular_buffer.hpp>
 
 #include "sim/router/router.h"
 
@@ -23,20 +24,22 @@ struct ActivityEvent {
     std::string text;  // a refusal's reason, a client's address, why it left
 };
 
+// Oldest first. Full, each new event takes the place of the oldest.
+using ActivityEvents = boost::circular_buffer<ActivityEvent>;
+
 const char* kind_name(ActivityEvent::Kind kind);
 
 // The last `capacity` events; older ones are forgotten.
 class ActivityLog {
 public:
-    explicit ActivityLog(std::size_t capacity) : capacity_(capacity) {}
+    explicit ActivityLog(std::size_t capacity) : events_(capacity) {}
 
     ActivityEvent& add(ActivityEvent::Kind kind, int client);
     std::uint64_t last_seq() const { return next_seq_ - 1; }
-    const std::deque<ActivityEvent>& events() const { return events_; }
+    const ActivityEvents& events() const { return events_; }
 
 private:
-    std::size_t capacity_;
-    std::deque<ActivityEvent> events_;
+    ActivityEvents events_;
     std::uint64_t next_seq_ = 1;
 };
 

@@ -119,7 +119,7 @@ void append_event(std::string& out, const ActivityEvent& event) {
     out += '}';
 }
 
-void append_events(std::string& out, const std::deque<ActivityEvent>& events, std::uint64_t after) {
+void append_events(std::string& out, const ActivityEvents& events, std::uint64_t after) {
     // The newest events are at the back: find the first one after `after`.
     auto first = events.end();
     while (first != events.begin() && std::prev(first)->seq > after) --first;
@@ -181,7 +181,7 @@ std::string clients_message(std::vector<const ClientInfo*> clients) {
 
 std::string links_message(const std::vector<LinkStatus>& links) { return "{\"links\":" + links_array(links) + '}'; }
 
-std::string events_message(const std::deque<ActivityEvent>& events, std::uint64_t after) {
+std::string events_message(const ActivityEvents& events, std::uint64_t after) {
     std::string text = "{\"events\":";
     append_events(text, events, after);
     text += '}';
@@ -240,7 +240,7 @@ FrameMessage::FrameMessage(const std::vector<DestinationChange>& crosspoints,
     append_changes(text_, locks);
 }
 
-void FrameMessage::add_events(const std::deque<ActivityEvent>& events, std::uint64_t after) {
+void FrameMessage::add_events(const ActivityEvents& events, std::uint64_t after) {
     text_ += ",\"events\":";
     append_events(text_, events, after);
 }

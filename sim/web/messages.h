@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -41,7 +40,7 @@ std::string clients_message(std::vector<const ClientInfo*> clients);
 // {"links":[...]}: the TCP ports and serial ports served, and how they stand.
 std::string links_message(const std::vector<LinkStatus>& links);
 // {"events":[...]}: the events after `after`, oldest first.
-std::string events_message(const std::deque<ActivityEvent>& events, std::uint64_t after);
+std::string events_message(const ActivityEvents& events, std::uint64_t after);
 
 // Replies to the changes asked of the API.
 std::string applied_message(int applied);
@@ -63,7 +62,7 @@ struct PageView {
     LeitchLevelOf leitch_level;
     std::vector<const ClientInfo*> clients;
     std::vector<LinkStatus> links;
-    const std::deque<ActivityEvent>& events;
+    const ActivityEvents& events;
 };
 std::string hello_message(const PageView& view);
 
@@ -76,7 +75,7 @@ using DestinationChange = std::array<int, 3>;
 class FrameMessage {
 public:
     FrameMessage(const std::vector<DestinationChange>& crosspoints, const std::vector<DestinationChange>& locks);
-    void add_events(const std::deque<ActivityEvent>& events, std::uint64_t after);
+    void add_events(const ActivityEvents& events, std::uint64_t after);
     void add_clients_and_links(std::vector<const ClientInfo*> clients, const std::vector<LinkStatus>& links);
     std::string finish();
 

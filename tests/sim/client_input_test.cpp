@@ -110,5 +110,26 @@ TEST_F(ClientInputTest, ReportModeFollowsLinesThatAreExactlyTheModeCommands) {
     EXPECT_FALSE(notes.report_mode);
 }
 
+// Line ends are looked for several bytes at a time: every byte value around
+// them, at every offset, must neither hide one nor pass for one.
+TEST_F(ClientInputTest, EveryByteValueNextToALineEndAtEveryOffsetIsReadRight) {
+    for (const char end : {'\r', '\n'}) {
+        for (int value = 0; value < 256; ++value) {
+            const char c = static_cast<char>(value);
+            if (c == '\r' || c == '\n') continue;
+            for (std::size_t offset = 0; offset < 20; ++offset) {
+                ClientInput fresh{1, log, 1024};
+                LineNotes seen;
+                const std::string line = std::string(offset, 'x') + c + c;
+                const std::string bytes = line + end + std::string(3, c);
+                std::memcpy(fresh.buffer(), bytes.data(), bytes.size());
+                ASSERT_TRUE(fresh.hold(0, bytes.size(), seen));
+                ASSERT_EQ(seen.lines_received, 1u) << "byte " << value << " offset " << offset;
+                ASSERT_EQ(seen.last_line, line) << "byte " << value << " offset " << offset;
+            }
+        }
+    }
+}
+
 }  // namespace
 }  // namespace routerd

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/asio/post.hpp>
+
 #include <unistd.h>
 
 #include <chrono>
@@ -42,7 +44,7 @@ protected:
         Router router(kLevels);
         store_->restore_into(router);
         writer_ = std::make_unique<StateWriter>(
-            *store_, io_.get_executor(), [this](std::uint64_t frame) { settled_.push_back(frame); }, log_);
+            *store_, [this](std::function<void()> work) { boost::asio::post(io_, std::move(work)); }, [this](std::uint64_t frame) { settled_.push_back(frame); }, log_);
     }
     ~StateWriterTest() override {
         writer_.reset();

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/asio/post.hpp>
+
 #include <unistd.h>
 
 #include <chrono>
@@ -138,7 +140,7 @@ protected:
         : config_(small_router(readonly)),
           router_(config_.levels),
           writer_(store ? std::make_unique<StateWriter>(
-                              *store, io_.get_executor(), [this](std::uint64_t frame) { switches_.settle(frame); },
+                              *store, [this](std::function<void()> work) { boost::asio::post(io_, std::move(work)); }, [this](std::uint64_t frame) { switches_.settle(frame); },
                               log_)
                         : nullptr),
           state_(io_.get_executor(), config_, router_, switches_, sessions_, log_, writer_.get(), links_) {
