@@ -84,36 +84,26 @@ private:
 // commit() having succeeded, however the scope that began it ends.
 class Transaction {
 public:
-    explicit Transaction(sqlite3* db) : db_(db), begun_(run("BEGIN")) {}
+    Transaction(Statement& begin, Statement& commit, Statement& rollback)
+        : commit_(commit), rollback_(rollback), begun_(begin.run({})) {}
     ~Transaction() {
-        if (!committed_) run("ROLLBACK");
+        if (!committed_) rollback_.run({});
     }
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
 
     bool begun() const { return begun_; }
     bool commit() {
-        committed_ = run("COMMIT");
+        committed_ = commit_.run({});
         return committed_;
     }
 
 private:
-    bool run(const char* sql) const { return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK; }
-
-    sqlite3* db_;
+    Statement& commit_;
+    Statement& rollback_;
     bool begun_;
     bool committed_ = false;
 };
-
-// Runs `write` in a transaction of its own and commits it. On failure
-// `reason` is SQLite's message, read before the rollback replaces it.
-template <typename Write>
-bool commit_transaction(sqlite3* db, const Write& write, std::string& reason) {
-    Transaction transaction(db);
-    if (transaction.begun() && write() && transaction.commit()) return true;
-    reason = sqlite3_errmsg(db);
-    return false;
-}
 
 // `crosspoints` under `name`, in place of what that name held.
 bool write_salvo(sqlite3* db, const std::string& name, const std::vector<SalvoCrosspoint>& crosspoints) {
@@ -156,6 +146,20 @@ std::string levels_text(const std::vector<LevelSpec>& levels) {
 }
 
 }  // namespace
+
+// The statements of every commit, prepared once: parsing them again for each
+// commit cost more than all of its writes.
+struct StateStore::Prepared {
+    explicit Prepared(sqlite3* db)
+        : begin(db, "BEGIN"),
+          commit(db, "COMMIT"),
+          rollback(db, "ROLLBACK"),
+          crosspoint(db, "INSERT OR REPLACE INTO crosspoints VALUES (?, ?, ?)"),
+          lock(db, "INSERT OR REPLACE INTO locks VALUES (?, ?, ?)") {}
+    bool ok() const { return begin.ok() && commit.ok() && rollback.ok() && crosspoint.ok() && lock.ok(); }
+
+    Statement begin, commit, rollback, crosspoint, lock;
+};
 
 std::vector<SalvoCrosspoint> routing_of(const Router& router, const LevelSpec* only) {
     std::vector<SalvoCrosspoint> crosspoints;
@@ -293,6 +297,7 @@ void StateStore::check_contents() {
 
 StateStore::~StateStore() {
     retry();
+    prepared_.reset();
     sqlite3_close_v2(db_);
 }
 
@@ -350,20 +355,41 @@ void StateStore::retry() {
     if (!unsaved_.empty()) commit_unsaved();
 }
 
-bool StateStore::write_unsaved() const {
-    Statement crosspoint(db_, "INSERT OR REPLACE INTO crosspoints VALUES (?, ?, ?)");
-    Statement lock(db_, "INSERT OR REPLACE INTO locks VALUES (?, ?, ?)");
-    if (!crosspoint.ok() || !lock.ok()) return false;
+StateStore::Prepared* StateStore::prepared() {
+    if (!prepared_) {
+        prepared_ = std::make_unique<Prepared>(db_);
+        if (!prepared_->ok()) prepared_.reset();  // tried again with the next commit
+    }
+    return prepared_.get();
+}
+
+// Runs `write` in a transaction of its own and commits it. On failure
+// `reason` is SQLite's message, read before the rollback replaces it.
+bool StateStore::commit_transaction(const std::function<bool()>& write, std::string& reason) {
+    Prepared* statements = prepared();
+    if (!statements) {
+        reason = sqlite3_errmsg(db_);
+        return false;
+    }
+    Transaction transaction(statements->begin, statements->commit, statements->rollback);
+    if (transaction.begun() && write() && transaction.commit()) return true;
+    reason = sqlite3_errmsg(db_);
+    return false;
+}
+
+bool StateStore::write_unsaved() {
+    Prepared& statements = *prepared_;
     for (const auto& [key, value] : unsaved_) {
         const auto& [kind, level, destination] = key;
-        if (!(kind == PublishedChange::crosspoint ? crosspoint : lock).run({level, destination, value})) return false;
+        Statement& save = kind == PublishedChange::crosspoint ? statements.crosspoint : statements.lock;
+        if (!save.run({level, destination, value})) return false;
     }
     return true;
 }
 
 bool StateStore::commit_unsaved() {
     std::string reason;
-    if (commit_transaction(db_, [this] { return write_unsaved(); }, reason)) {
+    if (commit_transaction([this] { return write_unsaved(); }, reason)) {
         if (!failure_.empty() && notes_) notes_("state file " + path_ + " written again");
         failure_.clear();
         failing_since_.reset();
@@ -439,7 +465,7 @@ void StateStore::save_salvo(const std::string& name, const std::vector<SalvoCros
                            false);
     }
     std::string reason;
-    if (!commit_transaction(db_, [&] { return write_salvo(db_, name, crosspoints); }, reason)) {
+    if (!commit_transaction([&] { return write_salvo(db_, name, crosspoints); }, reason)) {
         checkpoint();
         const std::string message = path_ + ": cannot save the routing " + name + ": " + reason;
         if (reason.find("full") != std::string::npos) throw StateFull(message);

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -108,8 +109,11 @@ private:
     [[noreturn]] void fail_foreign(const std::string& why);
     void check_tables();
     void check_contents();
+    struct Prepared;
+    Prepared* prepared();
+    bool commit_transaction(const std::function<bool()>& write, std::string& reason);
     bool commit_unsaved();
-    bool write_unsaved() const;
+    bool write_unsaved();
     void store_all(const Router& router);
     std::string describe_levels() const;
     std::map<std::string, std::size_t>& salvo_sizes();
@@ -125,6 +129,7 @@ private:
     Notes notes_;
     SalvoLimits limits_;
     sqlite3* db_ = nullptr;
+    std::unique_ptr<Prepared> prepared_;  // null until the first commit, or after one that could not prepare
     std::map<Key, int> unsaved_;  // value per destination and kind, not yet committed
     std::string failure_;         // the last commit failed (noted once until one succeeds)
     std::optional<std::chrono::system_clock::time_point> failing_since_;

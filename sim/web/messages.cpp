@@ -1,8 +1,11 @@
 #include "sim/web/messages.h"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <cstring>
 #include <iterator>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -76,13 +79,10 @@ std::string links_array(const std::vector<LinkStatus>& links) {
 }
 
 // Events, crosspoints and locks go out in frames too: written straight to text.
-void append_number(std::string& out, std::int64_t number) { out += std::to_string(number); }
-
-void append_field(std::string& out, const char* name, std::int64_t number) {
-    out += ",\"";
-    out += name;
-    out += "\":";
-    append_number(out, number);
+void append_number(std::string& out, std::int64_t number) {
+    char digits[24];
+    const char* const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    out.append(digits, static_cast<std::size_t>(end - digits));
 }
 
 void append_field(std::string& out, const char* name, const std::string& text) {
@@ -91,6 +91,30 @@ void append_field(std::string& out, const char* name, const std::string& text) {
     out += "\":";
     out += dump(json(text));
 }
+
+// A few numbered fields written in place and added to a message in one go:
+// a page hears of every take, so its event is written once per take.
+class Fields {
+public:
+    void add(std::string_view text) {
+        std::memcpy(end_, text.data(), text.size());
+        end_ += text.size();
+    }
+    void add(std::int64_t number) { end_ = std::to_chars(end_, std::end(text_), number).ptr; }
+    void add(std::string_view name, std::int64_t number) {
+        add(name);
+        add(number);
+    }
+    // Into `out`, leaving the fields empty for more.
+    void move_to(std::string& out) {
+        out.append(text_, static_cast<std::size_t>(end_ - text_));
+        end_ = text_;
+    }
+
+private:
+    char text_[256];  // enough for every numbered field of an event
+    char* end_ = text_;
+};
 
 bool is_refusal(ActivityEvent::Kind kind) {
     return kind == ActivityEvent::Kind::refused_take || kind == ActivityEvent::Kind::refused_lock;
@@ -102,21 +126,24 @@ bool is_take(ActivityEvent::Kind kind) {
 
 // Keys in alphabetical order, like every other object the web view writes.
 void append_event(std::string& out, const ActivityEvent& event) {
-    out += "{\"client\":";
-    append_number(out, event.client);
+    Fields fields;
+    fields.add("{\"client\":", event.client);
     const bool change = event.kind != ActivityEvent::Kind::connect && event.kind != ActivityEvent::Kind::disconnect;
-    if (change) append_field(out, "destination", event.destination);
-    out += ",\"kind\":\"";
-    out += kind_name(event.kind);
-    out += '"';
-    if (change) append_field(out, "level", event.level);
-    if (event.kind == ActivityEvent::Kind::connect) append_field(out, "peer", event.text);
-    if (event.kind == ActivityEvent::Kind::disconnect || is_refusal(event.kind))
-        append_field(out, "reason", event.text);
-    append_field(out, "seq", static_cast<std::int64_t>(event.seq));
-    if (change) append_field(out, is_take(event.kind) ? "source" : "state", event.value);
-    append_field(out, "time", epoch_ms(event.time));
-    out += '}';
+    if (change) fields.add(",\"destination\":", event.destination);
+    fields.add(",\"kind\":\"");
+    fields.add(kind_name(event.kind));
+    fields.add("\"");
+    if (change) fields.add(",\"level\":", event.level);
+    if (event.kind == ActivityEvent::Kind::connect || event.kind == ActivityEvent::Kind::disconnect ||
+        is_refusal(event.kind)) {
+        fields.move_to(out);
+        append_field(out, event.kind == ActivityEvent::Kind::connect ? "peer" : "reason", event.text);
+    }
+    fields.add(",\"seq\":", static_cast<std::int64_t>(event.seq));
+    if (change) fields.add(is_take(event.kind) ? ",\"source\":" : ",\"state\":", event.value);
+    fields.add(",\"time\":", epoch_ms(event.time));
+    fields.add("}");
+    fields.move_to(out);
 }
 
 void append_events(std::string& out, const ActivityEvents& events, std::uint64_t after) {
@@ -241,6 +268,11 @@ FrameMessage::FrameMessage(const std::vector<DestinationChange>& crosspoints,
 }
 
 void FrameMessage::add_events(const ActivityEvents& events, std::uint64_t after) {
+    if (!events.empty()) {
+        // An event takes about 100 bytes: one allocation, not a doubling every few events.
+        const std::uint64_t fresh = std::min<std::uint64_t>(events.back().seq - after, events.size());
+        text_.reserve(text_.size() + 128 * static_cast<std::size_t>(fresh));
+    }
     text_ += ",\"events\":";
     append_events(text_, events, after);
 }
