@@ -51,7 +51,8 @@ for preset in default sanitize; do
   ctest --preset "$preset" -j "$jobs"
 done
 
-# The one place with two threads: the event loop and the state file's writer.
+# The one place with two threads: the event loop and the state file's writer,
+# which hands its work back through the loop's inbox.
 begin "ThreadSanitizer build and the state file's tests"
 cmake --preset tsan -DLEITCH_WARNINGS_AS_ERRORS=ON
 cmake --build --preset tsan -j "$jobs"
