@@ -20,8 +20,12 @@ work=$(mktemp -d "$directory/leitch-state-bench.XXXXXX")
 server_pid=
 trap '[ -n "$server_pid" ] && kill "$server_pid" 2>/dev/null; rm -rf "$work"' EXIT
 
-commits=1000
-rate=$(python3 - "$work/alone.db" "$commits" <<'EOF'
+# The disk's own commit rate now: SQLite, WAL, synchronous = FULL, commits of
+# one row, one fsync each. The disk's speed drifts by 2x within minutes, so it
+# is measured again just before each run with --state.
+disk_rate() {
+  rm -f "$work"/alone.db*
+  python3 - "$work/alone.db" 500 <<'EOF'
 import sqlite3, sys, time
 db = sqlite3.connect(sys.argv[1], isolation_level=None)
 db.execute("PRAGMA locking_mode = EXCLUSIVE")
@@ -36,8 +40,8 @@ for i in range(count):
     db.execute("COMMIT")
 print(round(count / (time.monotonic() - began)))
 EOF
-)
-echo "The disk alone: $rate commits/s (SQLite, WAL, synchronous = FULL, $commits commits of one row)"
+}
+echo "The disk alone before each --state run: SQLite, WAL, synchronous = FULL, 500 commits of one row."
 echo
 
 source "$here/server.sh"
@@ -52,7 +56,7 @@ for run in "1 32" "16 32" "1 2048" "16 2048"; do
     if [ $mode = state ]; then
       rm -f "$work"/state.db*
       args+=(--state "$work/state.db")
-      label="--state, $window outstanding"
+      label="--state, $window outstanding (disk alone: $(disk_rate) commits/s)"
     fi
     start "$routerd" "${args[@]}"
     "$loadgen" --port "$port" --pid "$server_pid" --clients $clients --destinations 32 --takes "$takes" \

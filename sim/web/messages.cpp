@@ -100,7 +100,13 @@ public:
         std::memcpy(end_, text.data(), text.size());
         end_ += text.size();
     }
-    void add(std::int64_t number) { end_ = std::to_chars(end_, std::end(text_), number).ptr; }
+    void add(std::int64_t number) {
+        if (number >= 0 && number < 10) {
+            *end_++ = static_cast<char>('0' + number);
+            return;
+        }
+        end_ = std::to_chars(end_, std::end(text_), number).ptr;
+    }
     void add(std::string_view name, std::int64_t number) {
         add(name);
         add(number);
@@ -124,8 +130,26 @@ bool is_take(ActivityEvent::Kind kind) {
     return kind == ActivityEvent::Kind::take || kind == ActivityEvent::Kind::refused_take;
 }
 
+// Events come many to a millisecond: the time's digits are written once for all of them.
+class EventTime {
+public:
+    std::string_view text(std::chrono::system_clock::time_point time) {
+        const std::int64_t ms = epoch_ms(time);
+        if (ms != ms_ || size_ == 0) {
+            ms_ = ms;
+            size_ = static_cast<std::size_t>(std::to_chars(digits_, std::end(digits_), ms).ptr - digits_);
+        }
+        return {digits_, size_};
+    }
+
+private:
+    std::int64_t ms_ = 0;
+    char digits_[24];
+    std::size_t size_ = 0;
+};
+
 // Keys in alphabetical order, like every other object the web view writes.
-void append_event(std::string& out, const ActivityEvent& event) {
+void append_event(std::string& out, const ActivityEvent& event, EventTime& time) {
     Fields fields;
     fields.add("{\"client\":", event.client);
     const bool change = event.kind != ActivityEvent::Kind::connect && event.kind != ActivityEvent::Kind::disconnect;
@@ -141,7 +165,8 @@ void append_event(std::string& out, const ActivityEvent& event) {
     }
     fields.add(",\"seq\":", static_cast<std::int64_t>(event.seq));
     if (change) fields.add(is_take(event.kind) ? ",\"source\":" : ",\"state\":", event.value);
-    fields.add(",\"time\":", epoch_ms(event.time));
+    fields.add(",\"time\":");
+    fields.add(time.text(event.time));
     fields.add("}");
     fields.move_to(out);
 }
@@ -151,9 +176,10 @@ void append_events(std::string& out, const ActivityEvents& events, std::uint64_t
     auto first = events.end();
     while (first != events.begin() && std::prev(first)->seq > after) --first;
     out += '[';
+    EventTime time;
     for (auto it = first; it != events.end(); ++it) {
         if (it != first) out += ',';
-        append_event(out, *it);
+        append_event(out, *it, time);
     }
     out += ']';
 }

@@ -35,6 +35,8 @@ WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig&
       page_places_(config.web.max_pages, config.web.max_pages_per_address),
       refusals_(log, ""),
       page_queue_bound_(kPageQueueBase + 2 * kFrameBytesPerDestination * router.total_destinations()),
+      crosspoints_(router),
+      locks_(router),
       push_timer_(executor_) {
     router_.subscribe(*this);
     switches_.watch(this);
@@ -78,23 +80,12 @@ std::string WebState::hello() const {
     return hello_message({config_.readonly, router_, leitch_level_of(), clients(), links_.links(), activity_.events()});
 }
 
-void WebState::gather(std::vector<DestinationChange>& changes, std::unordered_map<std::uint64_t, std::size_t>& at,
-                      int level, int destination, int value) {
-    const std::uint64_t key = std::uint64_t(std::uint32_t(level)) << 32 | std::uint32_t(destination);
-    const auto [found, added] = at.try_emplace(key, changes.size());
-    if (added) {
-        changes.push_back({level, destination, value});
-    } else {
-        changes[found->second][2] = value;
-    }
-}
-
 void WebState::crosspoint_changed(int level, int source, int destination) {
-    if (!pages_.empty()) gather(crosspoints_, crosspoint_at_, level, destination, source);
+    if (!pages_.empty()) crosspoints_.note(level, destination, source);
 }
 
 void WebState::lock_changed(int level, int destination, int state) {
-    if (!pages_.empty()) gather(locks_, lock_at_, level, destination, state);
+    if (!pages_.empty()) locks_.note(level, destination, state);
 }
 
 void WebState::switch_asked(int client, Kind kind, int level, int destination, int value, Refusal refusal) {
@@ -191,8 +182,6 @@ void WebState::push_soon() {
 void WebState::forget_changes() {
     crosspoints_.clear();
     locks_.clear();
-    crosspoint_at_.clear();
-    lock_at_.clear();
 }
 
 void WebState::push() {
@@ -204,7 +193,7 @@ void WebState::push() {
         return;
     }
     if (crosspoints_.empty() && locks_.empty() && !new_events && !clients_changed_) return;
-    FrameMessage frame(crosspoints_, locks_);
+    FrameMessage frame(crosspoints_.changes(), locks_.changes());
     if (new_events) frame.add_events(activity_.events(), pushed_seq_);
     if (clients_changed_) frame.add_clients_and_links(clients(), links_.links());
     const auto message = std::make_shared<const std::string>(frame.finish());

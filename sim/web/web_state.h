@@ -11,7 +11,6 @@
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <unordered_map>
 
 #include "sim/config.h"
 #include "sim/log.h"
@@ -24,6 +23,7 @@
 #include "sim/router/state_writer.h"
 #include "sim/router/switch_queue.h"
 #include "sim/web/activity_log.h"
+#include "sim/web/latest_changes.h"
 #include "sim/web/messages.h"
 
 namespace routerd::web {
@@ -106,9 +106,6 @@ private:
     void push_soon();
     void push();
     void forget_changes();
-    // One entry per destination in `changes`, the latest value winning.
-    static void gather(std::vector<DestinationChange>& changes, std::unordered_map<std::uint64_t, std::size_t>& at,
-                       int level, int destination, int value);
 
     // A message waiting for its frame to be kept: for every page, or for one.
     struct Held {
@@ -140,10 +137,8 @@ private:
     int next_page_ = 1;
     std::size_t page_queue_bound_;
 
-    std::vector<DestinationChange> crosspoints_;  // told since the last push, one per destination
-    std::vector<DestinationChange> locks_;
-    std::unordered_map<std::uint64_t, std::size_t> crosspoint_at_;  // level and destination -> index
-    std::unordered_map<std::uint64_t, std::size_t> lock_at_;
+    LatestChanges crosspoints_;  // told since the last push
+    LatestChanges locks_;
     boost::asio::steady_timer push_timer_;
     std::chrono::steady_clock::time_point pushed_at_{};
     std::uint64_t pushed_seq_ = 0;                 // the last event pushed
