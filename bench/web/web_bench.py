@@ -132,7 +132,7 @@ def main():
                 time.sleep(0.2)
                 used = server.cpu_seconds() - before
                 rows.append(("simulator CPU per take, %s, %d page(s) open" % (label, pages),
-                             "%.1f µs" % (used * 1e6 / takes)))
+                             "%.2f µs" % (used * 1e6 / takes)))
             for handle in handles[1:]:
                 browser.switch_to.window(handle)
                 browser.close()
