@@ -89,7 +89,7 @@ def read_blocks(sock):
     CR is taken off each line so CR LF works like LF. Empty lines between
     blocks are skipped. Ends at end of stream, or at a line or block over the
     bounds (the caller then closes the connection)."""
-    pending, raw, lines = b"", b"", []
+    pending, raw, lines = b"", bytearray(), []
     while True:
         data = sock.recv(65536)
         if not data:
@@ -98,17 +98,18 @@ def read_blocks(sock):
         if len(pending) > MAX_LINE:
             return
         for line in complete:
-            if len(line) > MAX_LINE + 1:
+            if len(line) > MAX_LINE:
                 return
-            raw += line + b"\n"
+            raw += line
+            raw += b"\n"
             text = line[:-1] if line.endswith(b"\r") else line
             if text:
                 lines.append(text.decode("utf-8", "surrogateescape"))
             elif lines:
-                yield raw, lines
-                raw, lines = b"", []
+                yield bytes(raw), lines
+                raw, lines = bytearray(), []
             else:
-                raw = b""
+                raw.clear()
             if len(raw) > MAX_BLOCK:
                 return
 
@@ -193,8 +194,6 @@ class VideohubRouter:
         self._threads = []
         self._reset_state()
 
-    # -- life cycle --------------------------------------------------------
-
     def start(self, port=None):
         """Listen on 127.0.0.1 (port 0: a free one) and serve on background
         threads. Returns the port, also kept in self.port."""
@@ -243,8 +242,6 @@ class VideohubRouter:
 
     def __exit__(self, *_):
         self.stop()
-
-    # -- state, read and set directly ---------------------------------------
 
     def counts(self):
         """{"input": n, "output": n, "monitoring": n}."""
@@ -319,8 +316,6 @@ class VideohubRouter:
         with self._changed:
             return self._changed.wait_for(predicate, timeout)
 
-    # -- misbehaviour on demand ----------------------------------------------
-
     def drop_connections(self):
         """Close every client connection now."""
         with self._lock:
@@ -382,8 +377,6 @@ class VideohubRouter:
         with self._lock:
             self._broadcast(self._constant(self._device_block(count, count, 0)))
 
-    # -- connections -----------------------------------------------------------
-
     def _accept_until_closed(self, listener):
         while True:
             try:
@@ -397,6 +390,9 @@ class VideohubRouter:
             if len(self._connections) >= self.max_connections:
                 sock.close()   # no dump: the client sees the connection closed at once
                 return
+            # Without it the update written just after an ACK waits for the
+            # peer's delayed ACK (Nagle), some 40 ms a request.
+            sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             connection = Connection(self._next_number, sock)
             self._next_number += 1
             self._connections[connection.number] = connection
@@ -411,6 +407,8 @@ class VideohubRouter:
     def _read_until_closed(self, connection):
         try:
             for raw, lines in read_blocks(connection.sock):
+                if connection.closed:
+                    break   # dropped: blocks already received are not acted on
                 self._handle(connection, raw, lines[0], lines[1:])
         except OSError:
             pass
@@ -441,8 +439,6 @@ class VideohubRouter:
             return
         for connection in self._connections.values():
             connection.send(update(connection))
-
-    # -- requests ------------------------------------------------------------
 
     def _handle(self, connection, raw, header, items):
         # One lock around log, change and sends: every client sees changes in
@@ -527,8 +523,6 @@ class VideohubRouter:
         changed = [port for port in before if self.echo_unchanged or locks.get(port) != before[port]]
         return (ACK if before else NAK), b"", self._lock_update(level, changed)
 
-    # -- state ---------------------------------------------------------------
-
     def _reset_state(self):
         self._present = True
         self._counts = {}
@@ -564,8 +558,6 @@ class VideohubRouter:
             locks.pop(port, None)
         else:
             locks[port] = owner
-
-    # -- blocks ----------------------------------------------------------------
 
     def _dump_headers(self):
         """The blocks of the dump, in the order sent."""
