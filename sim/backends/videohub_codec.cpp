@@ -15,7 +15,7 @@ constexpr OutputKind kOutputKinds[] = {OutputKind::video_output, OutputKind::mon
 // order of the keys differs between firmware versions.
 struct DeviceCount {
     std::string_view key;
-    int Device::*count;
+    int Device::*field;
 };
 constexpr DeviceCount kDeviceCounts[] = {
     {"Video inputs", &Device::video_inputs},
@@ -163,6 +163,8 @@ std::string request(std::string_view header, const std::vector<Entry>& items, Wr
     return block;
 }
 
+std::string line_too_long() { return "line longer than " + std::to_string(Reader::kMostLineBytes) + " bytes"; }
+
 std::string header_alone(std::string_view header) {
     std::string block(header);
     block += "\n\n";
@@ -232,7 +234,7 @@ Reader::Received Reader::feed(const char* data, std::size_t length) {
 // longest line so that CR LF and LF allow the same text.
 bool Reader::hold(std::string_view piece) {
     if (line_.size() + piece.size() > kMostLineBytes + 1) {
-        fail("line longer than " + std::to_string(kMostLineBytes) + " bytes");
+        fail(line_too_long());
         return false;
     }
     line_.append(piece);
@@ -241,7 +243,7 @@ bool Reader::hold(std::string_view piece) {
 
 void Reader::take_line(std::string_view line, std::vector<Event>& events) {
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    if (line.size() > kMostLineBytes) return fail("line longer than " + std::to_string(kMostLineBytes) + " bytes");
+    if (line.size() > kMostLineBytes) return fail(line_too_long());
     if (!block_) {
         if (!line.empty()) open_block(line);
         return;
@@ -300,7 +302,7 @@ void Reader::read_item(Device& device, std::string_view line) {
     }
     for (const DeviceCount& count : kDeviceCounts)
         if (same_words(field->key, count.key))
-            return read_count(count.key, field->value, device.*count.count, device.malformed_lines);
+            return read_count(count.key, field->value, device.*count.field, device.malformed_lines);
 }
 
 // The counts size the backend's tables, so a count past any real router is a

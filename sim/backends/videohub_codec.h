@@ -138,8 +138,9 @@ std::string_view locks_header(OutputKind kind);
 // lines between blocks are skipped. Headers match whatever their case.
 //
 // Bounded: a line holds at most kMostLineBytes (CR and LF not counted), a
-// block at most kMostItemsPerBlock item lines and kMostBlockBytes in all, and
-// the device block announces at most kMostPorts of each kind. Past any of
+// block at most kMostItemsPerBlock item lines and kMostBlockBytes (header and
+// items, one LF each), known or skipped, and the device block announces at
+// most kMostPorts inputs, outputs and monitoring outputs. Past any of
 // them the stream is broken: the reader stops, drops what it held, and every
 // feed from then on returns the same error and no events. Memory held
 // between feeds is one unfinished line and one unfinished block; the work is
@@ -192,9 +193,10 @@ private:
 // with ACK or NAK; the change itself, if any, comes back as a status block.
 // Ports are written as given: 0 or more.
 
-// All the routes in one block: one request, one ACK, applied together. Routers
-// have been seen to drop routing blocks that come in a burst. Empty when
-// `routes` is: a bare header would ask for the whole table instead.
+// All the routes in one block: one request, one ACK. Routers have been seen
+// to drop routing blocks that come in a burst, so a take of several outputs
+// goes as one block. Empty when `routes` is: a bare header would ask for the
+// whole table instead.
 std::string routing_request(OutputKind kind, const std::vector<Route>& routes);
 
 // All the changes in one block; empty when `changes` is, as above.

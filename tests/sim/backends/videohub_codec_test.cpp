@@ -64,7 +64,9 @@ struct Describe {
                                   " outputs, " + std::to_string(d.video_monitoring_outputs) + " monitoring outputs",
                               d.malformed_lines);
     }
-    std::string operator()(const Labels& l) const { return with_malformed(listed(name(l.kind), l.items), l.malformed_lines); }
+    std::string operator()(const Labels& l) const {
+        return with_malformed(listed(name(l.kind), l.items), l.malformed_lines);
+    }
     std::string operator()(const Routing& r) const {
         return with_malformed(listed(name(r.kind) + " routing", r.items), r.malformed_lines);
     }
