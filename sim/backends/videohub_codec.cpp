@@ -318,29 +318,24 @@ void Reader::read_count(std::string_view key, std::string_view value, int& count
     count = *number;
 }
 
-void Reader::read_item(Labels& labels, std::string_view line) {
-    std::optional<Label> label = parse_label(line);
-    if (label)
-        labels.items.push_back(std::move(*label));
+namespace {
+
+// An item read goes into its block; one that could not be read is counted.
+template <typename Block, typename Item>
+void keep(Block& block, std::optional<Item> item) {
+    if (item)
+        block.items.push_back(std::move(*item));
     else
-        ++labels.malformed_lines;
+        ++block.malformed_lines;
 }
 
-void Reader::read_item(Routing& routing, std::string_view line) {
-    const std::optional<Route> route = parse_route(line);
-    if (route)
-        routing.items.push_back(*route);
-    else
-        ++routing.malformed_lines;
-}
+}  // namespace
 
-void Reader::read_item(Locks& locks, std::string_view line) {
-    const std::optional<Lock> lock = parse_lock(line);
-    if (lock)
-        locks.items.push_back(*lock);
-    else
-        ++locks.malformed_lines;
-}
+void Reader::read_item(Labels& labels, std::string_view line) { keep(labels, parse_label(line)); }
+
+void Reader::read_item(Routing& routing, std::string_view line) { keep(routing, parse_route(line)); }
+
+void Reader::read_item(Locks& locks, std::string_view line) { keep(locks, parse_lock(line)); }
 
 // The first error stands: what follows it in the stream cannot be trusted.
 void Reader::fail(std::string message) {
