@@ -93,6 +93,20 @@ if ! build/fuzz/fuzz/transcript_fuzz -fork="$jobs" -max_total_time="$parser_seco
   exit 1
 fi
 
+# The Videohub codec's reader, on what a router might send.
+videohub_seconds=${LEITCH_VIDEOHUB_FUZZ_SECONDS:-30}
+mkdir -p build/fuzz/videohub-corpus build/fuzz/videohub-artifacts
+begin "fuzzing the Videohub codec for ${videohub_seconds}s"
+if ! build/fuzz/fuzz/videohub_fuzz -fork="$jobs" -max_total_time="$videohub_seconds" \
+    -ignore_crashes=0 -ignore_timeouts=0 -ignore_ooms=0 \
+    -max_len=65536 -timeout=20 -rss_limit_mb=2048 \
+    -artifact_prefix=build/fuzz/videohub-artifacts/ -print_final_stats=1 \
+    build/fuzz/videohub-corpus fuzz/videohub_seeds; then
+  echo "fuzzing the Videohub codec found a problem; inputs in build/fuzz/videohub-artifacts/:" >&2
+  ls -l build/fuzz/videohub-artifacts/ >&2
+  exit 1
+fi
+
 # The tests ran above; the package build does not run them again.
 begin "Debian packages and lintian"
 rm -rf build/packages
