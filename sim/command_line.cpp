@@ -1,5 +1,6 @@
 #include "sim/command_line.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 
@@ -69,6 +70,10 @@ void declare_options(CLI::App& app, CommandLine& options, std::string& config_pa
                    "included; when it is reached, sessions are not recorded until the recordings take three "
                    "quarters of it or less (default 268435456)")
         ->check(CLI::Range(std::size_t{1024}, std::size_t{1} << 40));
+    app.add_option("--backend", options.backend,
+                   "the router that carries out the changes: \"simulated\" (the default), or a real one, "
+                   "videohub:HOST:PORT (a Videohub router, usually on port 9990); instead of the configuration's "
+                   "[backend]. Without --config, the router's video outputs are level 0, sized by the router");
     app.set_version_flag("--version", std::string("leitch-routerd ") + LEITCH_ROUTERD_VERSION);
 }
 
@@ -135,6 +140,29 @@ void apply_command_line(SimulatorConfig& config, const CommandLine& options) {
     if (options.record_max_total_bytes) config.record.max_total_bytes = *options.record_max_total_bytes;
     if (!options.state_file.empty()) config.state_file = options.state_file;
     config.fresh_state = options.fresh_state;
+    if (!options.backend.empty()) apply_backend(config, options.backend);
+}
+
+void apply_backend(SimulatorConfig& config, const std::string& option) {
+    BackendSettings named;
+    check_option<ConfigError>("--backend", [&] { named = parse_backend(option); });
+    config.backend.protocol = named.protocol;
+    config.backend.host = named.host;
+    config.backend.port = named.port;
+    if (named.protocol == BackendSettings::Protocol::simulated) return;
+    if (config.origin == builtin_config().origin) return use_router_levels(config);
+    for (const int level : {config.backend.video_level, config.backend.monitoring_level}) {
+        if (level < 0) continue;
+        const bool found = std::any_of(config.levels.begin(), config.levels.end(),
+                                       [&](const LevelSpec& spec) { return spec.number == level; });
+        if (!found)
+            throw ConfigError("--backend: " + config.origin + " has no level " + std::to_string(level) +
+                              " for the router's outputs");
+        // Its crosspoints are the router's.
+        config.crosspoints.erase(std::remove_if(config.crosspoints.begin(), config.crosspoints.end(),
+                                                [&](const InitialCrosspoint& c) { return c.level == level; }),
+                                 config.crosspoints.end());
+    }
 }
 
 }  // namespace routerd

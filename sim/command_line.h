@@ -23,6 +23,7 @@ struct CommandLine {
     bool fresh_state = false;
     std::string record_directory;
     std::optional<std::size_t> record_max_total_bytes;
+    std::string backend;  // videohub:HOST:PORT, or "simulated"
     // Where this copy of the program finds its plug-in and its configuration
     // when neither an option nor the file names one.
     std::string default_plugin_path;
@@ -32,6 +33,9 @@ struct CommandLine {
 // Reads the options. For --help, --version or a mistake it prints what is due
 // and gives the exit code instead.
 std::variant<CommandLine, int> read_command_line(int argc, char** argv);
+
+// --backend over the configuration; throws ConfigError.
+void apply_backend(SimulatorConfig& config, const std::string& option);
 
 // The configuration of this run: the file (or the built-in router) with the
 // options over it, and a record directory ready to write to. Throws

@@ -365,6 +365,63 @@ public:
         }
     }
 
+    // A real router's counts are its own: a level it serves may leave its sizes out.
+    void backend(const toml::table& table, SimulatorConfig& config) const {
+        only_known_keys(table, "backend.", {"protocol", "address", "keepalive_ms", "answer_timeout_ms",
+                                            "connect_timeout_ms", "video_level", "monitoring_level"});
+        BackendSettings& backend = config.backend;
+        if (const toml::node* n = table.get("protocol")) {
+            const std::string protocol = string(*n, "backend.protocol");
+            if (protocol == "videohub") {
+                backend.protocol = BackendSettings::Protocol::videohub;
+            } else if (protocol != "simulated") {
+                fail(n->source(), "backend.protocol", "must be \"simulated\" or \"videohub\", not \"" + protocol + "\"");
+            }
+        }
+        const toml::node* address = table.get("address");
+        if (backend.protocol == BackendSettings::Protocol::simulated) {
+            if (address) fail(address->source(), "backend.address", "a simulated router has no address");
+            return;
+        }
+        if (!address) fail(table.source(), "backend.address", "missing: the router's HOST:PORT");
+        try {
+            const BackendSettings parsed = parse_backend("videohub:" + string(*address, "backend.address"));
+            backend.host = parsed.host;
+            backend.port = parsed.port;
+        } catch (const std::invalid_argument& e) {
+            fail(address->source(), "backend.address", e.what());
+        }
+        const auto milliseconds = [&](const char* key, std::chrono::milliseconds& value, std::int64_t low) {
+            if (const toml::node* n = table.get(key))
+                value = std::chrono::milliseconds(integer(*n, std::string("backend.") + key, low, 3600000));
+        };
+        milliseconds("keepalive_ms", backend.keepalive, 100);
+        milliseconds("answer_timeout_ms", backend.answer_timeout, 10);
+        milliseconds("connect_timeout_ms", backend.connect_timeout, 10);
+        if (const toml::node* n = table.get("video_level"))
+            backend.video_level = static_cast<int>(integer(*n, "backend.video_level", 0, std::numeric_limits<int>::max()));
+        if (const toml::node* n = table.get("monitoring_level")) {
+            backend.monitoring_level =
+                static_cast<int>(integer(*n, "backend.monitoring_level", 0, std::numeric_limits<int>::max()));
+            if (backend.monitoring_level == backend.video_level)
+                fail(n->source(), "backend.monitoring_level", "must differ from backend.video_level");
+        }
+    }
+
+    // Each level a real router serves must be in the file.
+    void check_router_levels(const toml::node& node, const SimulatorConfig& config) const {
+        for (const int level : {config.backend.video_level, config.backend.monitoring_level}) {
+            if (level < 0) continue;
+            const bool found = std::any_of(config.levels.begin(), config.levels.end(),
+                                           [&](const LevelSpec& spec) { return spec.number == level; });
+            if (!found)
+                fail(node.source(), "level", "no [[level]] numbered " + std::to_string(level) +
+                                                 ", which the router's " + (level == config.backend.video_level ? "video" : "monitoring") +
+                                                 " outputs are (backend." +
+                                                 (level == config.backend.video_level ? "video_level" : "monitoring_level") + ")");
+        }
+    }
+
     void levels(const toml::node& node, SimulatorConfig& config) const {
         const toml::array* list = node.as_array();
         if (!list || !list->is_array_of_tables()) fail(node.source(), "level", "must be an array of tables ([[level]])");
@@ -384,8 +441,18 @@ public:
             if (!numbers.insert(levelSpec.number).second)
                 fail(level.get("number")->source(), prefix + "number", "level " + std::to_string(levelSpec.number) + " is defined twice");
             if (const toml::node* name = level.get("name")) levelSpec.name = string(*name, prefix + "name");
-            levelSpec.sources = static_cast<int>(required_integer(level, "sources", prefix, 1, kMaxSize));
-            levelSpec.destinations = static_cast<int>(required_integer(level, "destinations", prefix, 1, kMaxSize));
+            const bool sized_by_router = config.backend.protocol != BackendSettings::Protocol::simulated &&
+                                         (levelSpec.number == config.backend.video_level ||
+                                          levelSpec.number == config.backend.monitoring_level);
+            if (sized_by_router) {
+                for (const char* key : {"sources", "destinations", "crosspoints", "locks"}) {
+                    if (const toml::node* n = level.get(key))
+                        fail(n->source(), prefix + key, "the router's own: a level the router serves takes its sizes and crosspoints from it");
+                }
+            } else {
+                levelSpec.sources = static_cast<int>(required_integer(level, "sources", prefix, 1, kMaxSize));
+                levelSpec.destinations = static_cast<int>(required_integer(level, "destinations", prefix, 1, kMaxSize));
+            }
             config.levels.push_back(levelSpec);
             initial_crosspoints(level, prefix, levelSpec, config);
             initial_locks(level, prefix, levelSpec, config);
@@ -440,7 +507,8 @@ public:
         // Whatever the file leaves out keeps its built-in value.
         SimulatorConfig config = builtin();
         config.origin = path_;
-        only_known_keys(root, "", {"server", "listen", "serial", "plugin", "level", "record", "state", "http"});
+        only_known_keys(root, "", {"server", "listen", "serial", "plugin", "level", "record", "state", "http", "backend"});
+        if (const toml::table* b = table(root, "backend", "")) backend(*b, config);
         if (const toml::table* t = table(root, "state", "")) {
             only_known_keys(*t, "state.", {"file", "max_salvos", "max_salvo_crosspoints"});
             if (const toml::node* n = t->get("file")) config.state_file = string(*n, "state.file");
@@ -456,7 +524,12 @@ public:
         if (const toml::table* r = table(root, "record", "")) record(*r, config);
         if (const toml::table* h = table(root, "http", "")) http(*h, config);
         if (const toml::table* p = table(root, "plugin", "")) plugin(*p, config);
-        if (const toml::node* l = root.get("level")) levels(*l, config);
+        if (const toml::node* l = root.get("level")) {
+            levels(*l, config);
+            if (config.backend.protocol != BackendSettings::Protocol::simulated) check_router_levels(*l, config);
+        } else if (config.backend.protocol != BackendSettings::Protocol::simulated) {
+            use_router_levels(config);
+        }
         check_capacity(root, config);
         return config;
     }
@@ -484,6 +557,14 @@ private:
 }  // namespace
 
 SimulatorConfig builtin_config() { return builtin(); }
+
+void use_router_levels(SimulatorConfig& config) {
+    config.levels = {{config.backend.video_level, "video", 0, 0}};
+    if (config.backend.monitoring_level >= 0)
+        config.levels.push_back({config.backend.monitoring_level, "monitoring", 0, 0});
+    config.crosspoints.clear();
+    config.locks.clear();
+}
 
 SimulatorConfig load_config(const std::string& path) { return Reader(path).read(); }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/backends/backend_settings.h"
 #include "sim/limits.h"
 #include "sim/links/link_settings.h"
 #include "sim/links/serial_settings.h"
@@ -64,7 +65,12 @@ struct SimulatorConfig {
     std::vector<InitialCrosspoint> crosspoints;
     std::vector<InitialLock> locks;
     WebConfig web;
+    BackendSettings backend;  // simulated unless a real router is named
 };
+
+// The levels of a real router named on the command line alone: its video
+// outputs as level 0, sized by the router.
+void use_router_levels(SimulatorConfig& config);
 
 // Two levels, 0 "video" and 1 "audio", of 32 sources by 32 destinations, seen
 // by clients as Leitch levels 0 and 1 of device 1.

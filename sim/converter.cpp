@@ -14,11 +14,21 @@ void Converter::create(Interface& link, const std::string& peer) {
     instance_->SetCommandDriver(&driver_);
     if (recording_) recording_->configuration(context_.converter_config);
     instance_->LoadConfig(context_.converter_config);
+    std::list<LevelDesc> levels = level_list();
+    if (recording_) recording_->levels(levels);
+    instance_->LevelList(levels, false);
+}
+
+std::list<LevelDesc> Converter::level_list() const {
     std::list<LevelDesc> levels;
     for (const LevelSpec& level : context_.router.levels())
         levels.push_back({level.number, level.sources, level.destinations});
-    if (recording_) recording_->levels(levels);
-    instance_->LevelList(levels, false);
+    return levels;
+}
+
+void Converter::levels_changed() {
+    std::list<LevelDesc> levels = level_list();
+    instance_->LevelList(levels, true);
 }
 
 void Converter::destroy() {

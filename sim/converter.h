@@ -1,5 +1,6 @@
 #pragma once
 
+#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -40,6 +41,8 @@ public:
         instance_->CrosspointLock(level, destination, state);
     }
     // May throw what the link's SendData throws.
+    // The router's level sizes changed: told as a framework tells them, as an update.
+    void levels_changed();
     void receive(const std::string& input) {
         if (recording_) recording_->received(input);
         instance_->ReceiveData(input, nullptr);
@@ -65,6 +68,7 @@ public:
 
 private:
     void log_activity();
+    std::list<LevelDesc> level_list() const;
 
     const int client_;
     const SessionContext& context_;

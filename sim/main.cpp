@@ -78,6 +78,10 @@ int main(int argc, char** argv) {
                  " level(s); plug-in " + config.plugin_path);
         log.capture_standard_error();
         print_addresses(server);
+        if (const std::string router = server.connect_router(); !router.empty()) {
+            std::printf("%s\n", router.c_str());
+            std::fflush(stdout);
+        }
         const int status = server.run();
         log.info("stopped");
         log.flush();

@@ -3,11 +3,13 @@
 #include <malloc.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
 #include <boost/asio/write.hpp>
 
+#include "sim/backends/simulated_backend.h"
 #include "sim/links/endpoint.h"
 #include "sim/links/tcp_transport.h"
 
@@ -57,6 +59,15 @@ LinkStatus state_status(const std::string& path, const StateHealth& health) {
     return status;
 }
 
+std::unique_ptr<RouterBackend> make_backend(const SimulatorConfig& config, asio::io_context& io, Router& router,
+                                            const Log& log) {
+    if (config.backend.protocol == BackendSettings::Protocol::simulated) return std::make_unique<SimulatedBackend>(router);
+    BackendSettings settings = config.backend;
+    settings.most_outputs = static_cast<int>(std::min<std::size_t>(
+        {most_destinations_per_level(config.limits), most_destinations_in_all(config.limits) / 2, 65536}));
+    return std::make_unique<VideohubBackend>(io, router, std::move(settings), log);
+}
+
 Admission::Budgets budgets(const Limits& limits) {
     return {limits.max_clients, limits.max_clients_per_address, limits.max_clients_logging_in,
             logging_in_per_address(limits)};
@@ -68,10 +79,11 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
     : log_(log),
       refusals_(log),
       router_(build_router(config)),
+      backend_(make_backend(config, io_, router_, log_)),
       recordings_(config.record.directory.empty() ? nullptr : std::make_unique<RecordDirectory>(config.record, log)),
       sessions_(io_.get_executor()),
       admission_(budgets(config.limits), log_),
-      switches_(io_.get_executor(), router_, refusals_, [this] {
+      switches_(io_.get_executor(), router_, *backend_, refusals_, [this] {
           sessions_.flush_waiting();
           web_->frame_done();
       }),
@@ -81,13 +93,9 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
       signals_(io_, SIGINT, SIGTERM),
       other_signals_(io_),
       ticker_(io_) {
+    videohub_ = dynamic_cast<VideohubBackend*>(backend_.get());
     if (!config.state_file.empty()) {
-        state_ = std::make_unique<StateStore>(
-            config.state_file, config.levels, config.fresh_state, [this](const std::string& line) { log_.info(line); },
-            config.salvo_limits);
-        const bool restored = state_->restore_into(router_);
-        log_.info(std::string(restored ? "crosspoints and locks restored from " : "crosspoints and locks kept in ") +
-                  config.state_file);
+        open_state(config);
         state_writer_ = std::make_unique<StateWriter>(
             *state_, [this](std::function<void()> work) { inbox_.post(std::move(work)); },
             [this](std::uint64_t frame) { switches_.settle(frame); }, log_);
@@ -114,7 +122,47 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
     }
     web_ = std::make_unique<web::WebView>(io_, config, router_, switches_, sessions_, log_, state_writer_.get(), *this);
     context_.watcher = &web_->state();
+    router_.subscribe(*this);
     context_.admission = &admission_;
+}
+
+// A real router's levels are kept in the file at the most the gateway serves,
+// so that the file fits whatever counts the router announces. Their
+// crosspoints are the router's; only their Leitch locks come back, once the
+// router is read.
+void Server::open_state(const SimulatorConfig& config) {
+    std::vector<LevelSpec> kept = config.levels;
+    if (videohub_) {
+        for (LevelSpec& level : kept) {
+            if (!videohub_->serves(level.number)) continue;
+            level.sources = level.destinations = videohub_->settings().most_outputs;
+        }
+    }
+    state_ = std::make_unique<StateStore>(
+        config.state_file, kept, config.fresh_state, [this](const std::string& line) { log_.info(line); },
+        config.salvo_limits);
+    if (!videohub_) {
+        const bool restored = state_->restore_into(router_);
+        log_.info(std::string(restored ? "crosspoints and locks restored from " : "crosspoints and locks kept in ") +
+                  config.state_file);
+        return;
+    }
+    Router stored(kept);
+    const bool restored = state_->restore_into(stored);
+    for (const LevelSpec& level : router_.levels()) {
+        std::vector<int> locks;
+        for (int d = 0; d < stored.find_level(level.number)->destinations; ++d) locks.push_back(stored.lock_of(level.number, d));
+        if (videohub_->serves(level.number)) {
+            videohub_->restore_locks(level.number, std::move(locks));
+            continue;
+        }
+        for (int d = 0; d < level.destinations; ++d) {
+            router_.preset_crosspoint(level.number, stored.source_of(level.number, d), d);
+            router_.preset_lock(level.number, d, locks[static_cast<std::size_t>(d)]);
+        }
+    }
+    log_.info(std::string(restored ? "Leitch locks restored from " : "Leitch locks kept in ") + config.state_file +
+              " (the crosspoints are the router's)");
 }
 
 std::vector<LinkStatus> Server::links() const {
@@ -135,7 +183,31 @@ std::vector<LinkStatus> Server::links() const {
         links.push_back({"serial", settings.device, described, serial->open(), serial->problem()});
     }
     if (state_writer_) links.push_back(state_status(state_->path(), state_writer_->health()));
+    if (videohub_) {
+        const BackendStatus& status = videohub_->status();
+        links.push_back({"router", videohub_->settings().address(), "Videohub" + (videohub_->device().empty() ? "" : ", " + videohub_->device()),
+                         status.up, status.problem});
+    }
     return links;
+}
+
+std::string Server::connect_router() {
+    if (!videohub_) return {};
+    videohub_->start();
+    const BackendSettings& settings = videohub_->settings();
+    const auto deadline = std::chrono::steady_clock::now() + settings.connect_timeout + settings.answer_timeout;
+    while (!videohub_->status().up && videohub_->failures() == 0 && std::chrono::steady_clock::now() < deadline)
+        io_.run_one_until(deadline);
+    io_.restart();
+    const std::string where = "backend videohub " + settings.address();
+    if (videohub_->status().up) return where + ": answered, " + videohub_->device();
+    return where + ": not answering (" + videohub_->status().problem + "), trying again";
+}
+
+// A real router's sizes changed: what one event may leave for a client follows them.
+void Server::levels_changed() {
+    context_.output_bound = output_bound(context_.limits, router_.levels());
+    context_.report_room = report_room(context_.limits, router_.levels());
 }
 
 int Server::run() {
@@ -240,6 +312,7 @@ void Server::shut_down(int signal) {
     sessions_.stop_all();
     web_->stop();
     inbox_.close();
+    if (videohub_) videohub_->stop();
     refusals_.end_second();
 }
 

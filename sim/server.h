@@ -9,6 +9,7 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include "host/plugin_library.h"
+#include "sim/backends/videohub_backend.h"
 #include "sim/config.h"
 #include "sim/links/admission.h"
 #include "sim/links/link_status.h"
@@ -16,6 +17,7 @@
 #include "sim/links/tcp_listener.h"
 #include "sim/log.h"
 #include "sim/loop_inbox.h"
+#include "sim/router/backend.h"
 #include "sim/router/router.h"
 #include "sim/session.h"
 #include "sim/session_manager.h"
@@ -34,7 +36,7 @@ constexpr int kChangesNotSaved = 3;
 // call into a converter instance ever overlaps another.
 // Once a second it sums up the refusals, retries the log, disconnects clients
 // that do not read and gives freed memory back to the system.
-class Server final : public LinkDirectory {
+class Server final : public LinkDirectory, private RouterObserver {
 public:
     // Opens the state file if there is one (throws StateError), binds the
     // listening sockets (throws ListenError) and opens the serial ports
@@ -46,6 +48,10 @@ public:
     std::vector<LinkStatus> links() const override;
     // The web view's address, when it is on.
     std::optional<boost::asio::ip::tcp::endpoint> web_endpoint() const { return web_->endpoint(); }
+
+    // A real router: connects to it and waits, a few seconds at most, for its
+    // state. Returns what to say of it at start-up ("" for the simulated router).
+    std::string connect_router();
 
     // Serves until SIGINT or SIGTERM. Returns the exit status: 0, or
     // kChangesNotSaved when the state file could not take every change.
@@ -61,6 +67,10 @@ private:
     void wait_for_other_signals();
     void shut_down(int signal);
     void tick();
+    void open_state(const SimulatorConfig& config);
+    void crosspoint_changed(int, int, int) override {}
+    void lock_changed(int, int, int) override {}
+    void levels_changed() override;
 
     // One thread runs the loop and nothing else touches it, so it takes no
     // locks; other threads hand their work over through the inbox.
@@ -69,6 +79,8 @@ private:
     const Log& log_;
     RefusalLog refusals_;
     Router router_;
+    std::unique_ptr<RouterBackend> backend_;  // what carries out the router's changes
+    VideohubBackend* videohub_ = nullptr;     // the backend, when it is a Videohub router
     std::unique_ptr<StateStore> state_;  // --state
     std::unique_ptr<StateWriter> state_writer_;  // commits to state_, off the event loop
     std::unique_ptr<RecordDirectory> recordings_;  // --record; declared before the sessions that record to it

@@ -105,6 +105,10 @@ void Session::lock_changed(int level, int destination, int state) {
     if (state_ != State::dropping) converter_.lock(level, destination, state);
 }
 
+void Session::levels_changed() {
+    if (state_ != State::dropping) converter_.levels_changed();
+}
+
 // ---------------------------------------------------------------------------
 // Output
 

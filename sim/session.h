@@ -123,6 +123,7 @@ private:
 
     void crosspoint_changed(int level, int source, int destination) override;
     void lock_changed(int level, int destination, int state) override;
+    void levels_changed() override;
     std::shared_ptr<FrontUser> keep_alive() override { return {shared_from_this(), this}; }
     void reply(std::string_view bytes) override;
     void reply_now() override { flush(); }

@@ -12,6 +12,10 @@ std::string describe(Refusal refusal) {
         case Refusal::destination_out_of_range: return "destination out of range";
         case Refusal::source_out_of_range: return "source out of range";
         case Refusal::destination_locked: return "destination locked";
+        case Refusal::pending: return "waiting for the router";
+        case Refusal::router_refused: return "refused by the router";
+        case Refusal::router_away: return "the router is not connected";
+        case Refusal::locked_at_router: return "locked at the router by another controller";
     }
     return "refused";
 }
@@ -94,6 +98,49 @@ Refusal Router::preset_lock(int level, int destination, int state) {
         return Refusal::destination_out_of_range;
     levelState->locks[static_cast<std::size_t>(destination)] = state;
     return Refusal::none;
+}
+
+Refusal Router::check_take(int level, int source, int destination) const {
+    const Refusal refusal = check_crosspoint(level, source, destination);
+    if (refusal != Refusal::none) return refusal;
+    if (level_state(level)->locks[static_cast<std::size_t>(destination)] == 1) return Refusal::destination_locked;
+    return Refusal::none;
+}
+
+Refusal Router::set_crosspoint(int level, int source, int destination) {
+    const Refusal refusal = check_crosspoint(level, source, destination);
+    if (refusal != Refusal::none) return refusal;
+    Level& state = *level_state(level);
+    state.sources[static_cast<std::size_t>(destination)] = source;
+    note_change(level, state, destination, crosspoint_changed);
+    return Refusal::none;
+}
+
+void Router::resize_level(int level, int sources, int destinations) {
+    Level* state = level_state(level);
+    if (!state) return;
+    const auto size = static_cast<std::size_t>(destinations);
+    const std::size_t old_size = state->sources.size();
+    changes_.erase(std::remove_if(changes_.begin(), changes_.end(),
+                                  [&](const Change& c) {
+                                      return c.level == level && static_cast<std::size_t>(c.destination) >= size;
+                                  }),
+                   changes_.end());
+    state->source_count = sources;
+    state->sources.resize(size, 0);
+    state->locks.resize(size, 0);
+    state->unpublished.resize(size, 0);
+    for (int& source : state->sources) {
+        if (source >= sources) source = 0;
+    }
+    for (std::size_t d = old_size; d < size; ++d) note_change(level, *state, static_cast<int>(d), crosspoint_changed);
+    for (LevelSpec& spec : specs_) {
+        if (spec.number != level) continue;
+        total_destinations_ = total_destinations_ - static_cast<std::size_t>(spec.destinations) + size;
+        spec.sources = sources;
+        spec.destinations = destinations;
+    }
+    tell_observers([](RouterObserver& o) { o.levels_changed(); });
 }
 
 Refusal Router::take(int level, int source, int destination) {

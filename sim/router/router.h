@@ -20,6 +20,8 @@ class RouterObserver {
 public:
     virtual void crosspoint_changed(int level, int source, int destination) = 0;
     virtual void lock_changed(int level, int destination, int state) = 0;
+    // The levels' sizes changed (a real router announced others); told at once.
+    virtual void levels_changed() {}
 
 protected:
     ~RouterObserver() = default;
@@ -51,6 +53,11 @@ enum class Refusal {
     destination_out_of_range,
     source_out_of_range,
     destination_locked,
+    // A real router's (see RouterBackend):
+    pending,            // asked of the router, not decided yet
+    router_refused,     // the router answered NAK, or left the destination as it was
+    router_away,        // no router to ask: not connected, or it did not answer
+    locked_at_router,   // another controller of the router holds the destination
 };
 
 std::string describe(Refusal refusal);
@@ -82,10 +89,21 @@ public:
     // Range checks only (no lock check): what a preset can be refused for.
     Refusal check_crosspoint(int level, int source, int destination) const;
 
+    // What take() would refuse, without taking.
+    Refusal check_take(int level, int source, int destination) const;
+
     // Switch or lock, to be told at the next publish(). A refused change is
     // neither stored nor told.
     Refusal take(int level, int source, int destination);
     Refusal lock(int level, int destination, int state);
+    // A switch a real router has made, whatever the lock; told at the next publish().
+    Refusal set_crosspoint(int level, int source, int destination);
+
+    // A level takes the sizes a real router announced. Crosspoints and locks
+    // of the destinations kept stay, those of new ones are 0 and are told at
+    // the next publish(); those of destinations gone are forgotten.
+    // Observers hear of it at once, through levels_changed().
+    void resize_level(int level, int sources, int destinations);
 
     // Initial state, from configuration; no observer is told.
     Refusal preset_crosspoint(int level, int source, int destination);

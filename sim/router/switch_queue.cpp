@@ -6,30 +6,62 @@
 
 namespace routerd {
 
-Refusal SwitchQueue::take(int client, int level, int source, int destination) {
-    const Refusal refusal = router_.take(level, source, destination);
-    if (watcher_) watcher_->switch_asked(client, SwitchWatcher::Kind::take, level, destination, source, refusal);
-    if (refusal == Refusal::none) {
+SwitchQueue::SwitchQueue(boost::asio::any_io_executor executor, Router& router, RouterBackend& backend,
+                         RefusalLog& refusals, std::function<void()> frame_done)
+    : executor_(std::move(executor)),
+      router_(router),
+      backend_(backend),
+      refusals_(refusals),
+      frame_done_(std::move(frame_done)) {
+    backend_.listen(*this);
+}
+
+Refusal SwitchQueue::take(int client, int level, int source, int destination, Decided then) {
+    return ask({SwitchRequest::take, client, level, destination, source, 0}, std::move(then));
+}
+
+Refusal SwitchQueue::lock(int client, int level, int destination, int state, Decided then) {
+    return ask({SwitchRequest::lock, client, level, destination, state, 0}, std::move(then));
+}
+
+Refusal SwitchQueue::ask(SwitchRequest request, Decided then) {
+    if (then) request.ticket = ++tickets_;
+    const Refusal refusal = request.kind == SwitchRequest::take ? backend_.take(request) : backend_.lock(request);
+    if (refusal == Refusal::pending) {
+        if (then) waiting_for_router_.emplace(request.ticket, std::move(then));
         end_frame_soon();
         return refusal;
     }
-    refusals_.refused(client, "takes", level, describe(refusal), [&] {
-        return "take of source " + std::to_string(source) + " to destination " + std::to_string(destination);
-    });
+    tell(request, refusal);
     return refusal;
 }
 
-Refusal SwitchQueue::lock(int client, int level, int destination, int state) {
-    const Refusal refusal = router_.lock(level, destination, state);
-    if (watcher_) watcher_->switch_asked(client, SwitchWatcher::Kind::lock, level, destination, state, refusal);
+// The activity log and the refusal log hear of a change once it is decided.
+void SwitchQueue::tell(const SwitchRequest& request, Refusal refusal) {
+    const bool take = request.kind == SwitchRequest::take;
+    if (watcher_)
+        watcher_->switch_asked(request.client, take ? SwitchWatcher::Kind::take : SwitchWatcher::Kind::lock,
+                               request.level, request.destination, request.value, refusal);
     if (refusal == Refusal::none) {
         end_frame_soon();
-        return refusal;
+        return;
     }
-    refusals_.refused(client, "locks", level, describe(refusal), [&] {
-        return "lock state " + std::to_string(state) + " of destination " + std::to_string(destination);
+    refusals_.refused(request.client, take ? "takes" : "locks", request.level, describe(refusal), [&] {
+        const std::string destination = " to destination " + std::to_string(request.destination);
+        return take ? "take of source " + std::to_string(request.value) + destination
+                    : "lock state " + std::to_string(request.value) + " of destination " +
+                          std::to_string(request.destination);
     });
-    return refusal;
+}
+
+void SwitchQueue::decided(const SwitchRequest& request, Refusal refusal) {
+    tell(request, refusal);
+    if (request.ticket == 0) return;
+    const auto waiting = waiting_for_router_.find(request.ticket);
+    if (waiting == waiting_for_router_.end()) return;
+    const Decided then = std::move(waiting->second);
+    waiting_for_router_.erase(waiting);
+    then(refusal);
 }
 
 void SwitchQueue::end_frame_soon() {
@@ -40,7 +72,8 @@ void SwitchQueue::end_frame_soon() {
 }
 
 // The observers are told before the journal has the frame: what they write
-// carries the frame's tag and waits for it.
+// carries the frame's tag and waits for it. The backend hears of the end
+// after them, so that a router's answer can never overtake the frame.
 // Told even when the frame brought nothing new: output may wait for its end.
 void SwitchQueue::end_frame() {
     frame_pending_ = false;
@@ -49,6 +82,7 @@ void SwitchQueue::end_frame() {
         const std::vector<PublishedChange>& changes = router_.publish();
         if (journal_) journal_->keep(changes, told_);
     }
+    backend_.frame_ended();
     if (frame_done_) frame_done_();
 }
 

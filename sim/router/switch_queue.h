@@ -2,12 +2,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include <boost/asio/any_io_executor.hpp>
 
 #include "sim/log.h"
+#include "sim/router/backend.h"
 #include "sim/router/router.h"
 
 namespace routerd {
@@ -27,12 +29,18 @@ protected:
 // The client number of changes made from the web view.
 constexpr int kWebClient = 0;
 
+// What became of a change that waited for a real router.
+using Decided = std::function<void(Refusal)>;
+
 // The clients' way to the router. A real router switches on the frame after
-// the command: a change asked for while handling one event takes effect in the
-// router at once, in the order asked (every client's changes go through here,
-// so the order holds across clients), and is told to the observers in an event
-// of its own, after the current one, together with every other change of that
-// frame.
+// the command: a change asked for while handling one event goes to the backend
+// at once, in the order asked (every client's changes go through here, so the
+// order holds across clients), and is told to the observers in an event of its
+// own, after the current one, together with every other change of that frame.
+// The simulated backend applies a change at once, so what take() and lock()
+// return is final. A real router's backend may answer Refusal::pending: the
+// change is told once the router has confirmed it, and whoever asked learns
+// the outcome through a Decided.
 //
 // With a journal (the state file), frames are numbered and nothing that shows
 // a change may reach anyone before the change is kept: whatever is written for
@@ -41,16 +49,16 @@ constexpr int kWebClient = 0;
 // the event loop and settles them in order; a frame it cannot write is settled
 // too (served from memory, which the journal reports), so that a full disk
 // does not stop the router. Without a journal every tag is settled.
-class SwitchQueue {
+class SwitchQueue final : private BackendListener {
 public:
     // `frame_done` runs at the end of each frame, after it is told, in the same event.
-    SwitchQueue(boost::asio::any_io_executor executor, Router& router, RefusalLog& refusals,
-                std::function<void()> frame_done)
-        : executor_(std::move(executor)), router_(router), refusals_(refusals), frame_done_(std::move(frame_done)) {}
+    SwitchQueue(boost::asio::any_io_executor executor, Router& router, RouterBackend& backend, RefusalLog& refusals,
+                std::function<void()> frame_done);
 
-    // Applied at once: what is returned is final.
-    Refusal take(int client, int level, int source, int destination);
-    Refusal lock(int client, int level, int destination, int state);
+    // Refusal::pending: the router decides later, and `then` (if any) is
+    // called with its decision.
+    Refusal take(int client, int level, int source, int destination, Decided then = nullptr);
+    Refusal lock(int client, int level, int destination, int state, Decided then = nullptr);
 
     void watch(SwitchWatcher* watcher) { watcher_ = watcher; }
 
@@ -71,11 +79,18 @@ public:
     void settle(std::uint64_t frame);
 
 private:
+    Refusal ask(SwitchRequest request, Decided then);
+    void tell(const SwitchRequest& request, Refusal refusal);
+    void decided(const SwitchRequest& request, Refusal refusal) override;
+    void model_changed() override { end_frame_soon(); }
     void end_frame_soon();
     void end_frame();
 
     boost::asio::any_io_executor executor_;
     Router& router_;
+    RouterBackend& backend_;
+    std::uint64_t tickets_ = 0;
+    std::unordered_map<std::uint64_t, Decided> waiting_for_router_;
     RefusalLog& refusals_;
     std::function<void()> frame_done_;
     bool frame_pending_ = false;

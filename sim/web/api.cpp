@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -79,7 +80,7 @@ int integer_field(const json& object, const std::string& name, const std::string
 
 // The refusal of one change as an HTTP reply naming the field at fault; with
 // `applied` (not negative) when it ends a run of takes.
-ApiReply refused(Refusal refusal, const std::string& prefix, int applied) {
+ApiReply refused_reply(Refusal refusal, const std::string& prefix, int applied) {
     http::status status = http::status::not_found;
     std::string field = "level";
     switch (refusal) {
@@ -92,8 +93,14 @@ ApiReply refused(Refusal refusal, const std::string& prefix, int applied) {
             field = prefix + "source";
             break;
         case Refusal::destination_locked:
+        case Refusal::locked_at_router:
+        case Refusal::router_refused:
             status = http::status::conflict;
             field = prefix + "destination";
+            break;
+        case Refusal::router_away:
+            status = http::status::service_unavailable;
+            field.clear();
             break;
         default: break;
     }
@@ -121,9 +128,71 @@ ApiReply show_level(WebState& state, const ApiRequest& request) {
     return ok(state.level_message(find_level(state, request.parameters.front())));
 }
 
+// A reply made later, on the event loop, which may reject as the handlers do.
+template <typename Make>
+void answer(const ApiRespond& respond, const Make& make) {
+    ApiReply reply;
+    try {
+        reply = make();
+    } catch (const Rejection& rejection) {
+        reply = rejection.reply;
+    }
+    respond(std::move(reply));
+}
+
+// The decisions of a run of changes, some of which may wait for a real router:
+// the reply is made once the last one is decided.
+class Decisions : public std::enable_shared_from_this<Decisions> {
+public:
+    using Reply = std::function<ApiReply(const std::vector<Refusal>&)>;
+    Decisions(ApiRespond respond, Reply reply) : respond_(std::move(respond)), reply_(std::move(reply)) {}
+
+    // Hands the next change to `ask`, which returns its refusal (perhaps
+    // Refusal::pending) and passes on the Decided it is given.
+    template <typename Ask>
+    Refusal ask(const Ask& ask) {
+        const std::size_t at = outcomes_.size();
+        outcomes_.push_back(Refusal::pending);
+        const Refusal refusal = ask([self = shared_from_this(), at](Refusal decided) { self->decide(at, decided); });
+        outcomes_[at] = refusal;
+        if (refusal == Refusal::pending) ++waiting_;
+        return refusal;
+    }
+
+    // No more changes: replies now, or when the last is decided.
+    void close() {
+        closed_ = true;
+        if (waiting_ == 0) finish();
+    }
+
+private:
+    void decide(std::size_t at, Refusal refusal) {
+        outcomes_[at] = refusal;
+        if (--waiting_ == 0 && closed_) finish();
+    }
+    void finish() { answer(respond_, [&] { return reply_(outcomes_); }); }
+
+    ApiRespond respond_;
+    Reply reply_;
+    std::vector<Refusal> outcomes_;
+    std::size_t waiting_ = 0;
+    bool closed_ = false;
+};
+
+// The reply to a run of takes: every one applied, or the first refused, with
+// how many were applied.
+ApiReply takes_reply(const std::vector<Refusal>& outcomes, bool many) {
+    const auto applied = static_cast<int>(std::count(outcomes.begin(), outcomes.end(), Refusal::none));
+    const auto refused = std::find_if(outcomes.begin(), outcomes.end(), [](Refusal r) { return r != Refusal::none; });
+    if (refused == outcomes.end()) return ok(applied_message(applied));
+    const std::string at = !many ? "" : "takes[" + std::to_string(refused - outcomes.begin()) + "].";
+    return refused_reply(*refused, at, applied);
+}
+
 // Each take goes through the switch queue like a client's, in order: those
-// before a refused one are applied, the rest are not tried.
-ApiReply take(WebState& state, const ApiRequest& http_request) {
+// before a refused one are asked for, the rest are not tried. A real router
+// may still refuse any of those asked for: the reply waits for its decisions.
+void take(WebState& state, const ApiRequest& http_request, const ApiRespond& respond) {
     const LevelSpec& level = find_level(state, http_request.parameters.front());
     refuse_when_readonly(state);
     const json request = parse_body(http_request.body);
@@ -147,19 +216,18 @@ ApiReply take(WebState& state, const ApiRequest& http_request) {
         takes.emplace_back(integer_field(request, "destination", "destination"),
                            integer_field(request, "source", "source"));
     }
-    int applied = 0;
+    const auto run = std::make_shared<Decisions>(
+        respond, [many](const std::vector<Refusal>& outcomes) { return takes_reply(outcomes, many); });
     for (const auto& [destination, source] : takes) {
-        const Refusal refusal = state.switches().take(kWebClient, level.number, source, destination);
-        if (refusal != Refusal::none) {
-            const std::string at = !many ? "" : "takes[" + std::to_string(applied) + "].";
-            return refused(refusal, at, applied);
-        }
-        ++applied;
+        const Refusal refusal = run->ask([&](Decided then) {
+            return state.switches().take(kWebClient, level.number, source, destination, std::move(then));
+        });
+        if (refusal != Refusal::none && refusal != Refusal::pending) break;
     }
-    return ok(applied_message(applied));
+    run->close();
 }
 
-ApiReply lock(WebState& state, const ApiRequest& http_request) {
+void lock(WebState& state, const ApiRequest& http_request, const ApiRespond& respond) {
     const LevelSpec& level = find_level(state, http_request.parameters.front());
     refuse_when_readonly(state);
     const json request = parse_body(http_request.body);
@@ -168,9 +236,14 @@ ApiReply lock(WebState& state, const ApiRequest& http_request) {
     if (locked == request.end()) reject(http::status::bad_request, "missing field locked", "locked");
     if (!locked->is_boolean()) reject(http::status::bad_request, "locked must be true or false", "locked");
     const int lock_state = locked->get<bool>() ? 1 : 0;
-    const Refusal refusal = state.switches().lock(kWebClient, level.number, destination, lock_state);
-    if (refusal != Refusal::none) return refused(refusal, "", -1);
-    return ok(lock_message(destination, lock_state == 1));
+    const auto run = std::make_shared<Decisions>(respond, [destination, lock_state](const std::vector<Refusal>& outcomes) {
+        if (outcomes.front() != Refusal::none) return refused_reply(outcomes.front(), "", -1);
+        return ok(lock_message(destination, lock_state == 1));
+    });
+    run->ask([&](Decided then) {
+        return state.switches().lock(kWebClient, level.number, destination, lock_state, std::move(then));
+    });
+    run->close();
 }
 
 // Saved routings live in the state file, whose own thread reads and writes them.
@@ -188,18 +261,6 @@ std::string salvo_name(std::string_view name, const std::string& field) {
     if (!fits)
         reject(http::status::bad_request, field + " must be 1 to 64 letters, digits, '-', '_' or '.'", field);
     return std::string(name);
-}
-
-// A reply made later, on the event loop, which may reject as the handlers do.
-template <typename Make>
-void answer(const ApiRespond& respond, const Make& make) {
-    ApiReply reply;
-    try {
-        reply = make();
-    } catch (const Rejection& rejection) {
-        reply = rejection.reply;
-    }
-    respond(std::move(reply));
 }
 
 // What a job on the state file's thread found: its answer, or why there is none.
@@ -296,28 +357,40 @@ void delete_salvo(WebState& state, const ApiRequest& request, const ApiRespond& 
 
 // A recall is every crosspoint of the routing taken through the switch queue,
 // in one event, like a client's takes: locked destinations are refused (and
-// listed), the rest are told to every client on the next frame.
+// listed), the rest are told to every client on the next frame (or when a real
+// router has decided on them: the reply waits for that).
 void recall_salvo(WebState& state, const ApiRequest& request, const ApiRespond& respond) {
     refuse_when_readonly(state);
     std::string recalled = salvo_name(request.parameters.front(), "name");
     salvo_store(state).run<StoreResult<std::vector<SalvoCrosspoint>>>(
         store_job<std::vector<SalvoCrosspoint>>([recalled](StateStore& store) { return store.salvo(recalled); }),
         [&state, respond, recalled](StoreResult<std::vector<SalvoCrosspoint>> result) {
-            answer(respond, [&] {
+            try {
                 check(result);
                 if (result.value.empty()) reject(http::status::not_found, "no saved routing " + recalled, "name");
-                int applied = 0;
-                std::vector<RefusedCrosspoint> refused_list;
-                for (const SalvoCrosspoint& c : result.value) {
-                    const Refusal refusal = state.switches().take(kWebClient, c.level, c.source, c.destination);
-                    if (refusal == Refusal::none) {
-                        ++applied;
-                    } else {
-                        refused_list.push_back({c, refusal});
+            } catch (const Rejection& rejection) {
+                return respond(rejection.reply);
+            }
+            auto crosspoints = std::make_shared<const std::vector<SalvoCrosspoint>>(std::move(result.value));
+            const auto run = std::make_shared<Decisions>(
+                respond, [recalled, crosspoints](const std::vector<Refusal>& outcomes) {
+                    int applied = 0;
+                    std::vector<RefusedCrosspoint> refused_list;
+                    for (std::size_t i = 0; i < outcomes.size(); ++i) {
+                        if (outcomes[i] == Refusal::none) {
+                            ++applied;
+                        } else {
+                            refused_list.push_back({(*crosspoints)[i], outcomes[i]});
+                        }
                     }
-                }
-                return ok(recall_message(recalled, applied, refused_list));
-            });
+                    return ok(recall_message(recalled, applied, refused_list));
+                });
+            for (const SalvoCrosspoint& c : *crosspoints) {
+                run->ask([&](Decided then) {
+                    return state.switches().take(kWebClient, c.level, c.source, c.destination, std::move(then));
+                });
+            }
+            run->close();
         });
 }
 
@@ -366,9 +439,9 @@ const std::vector<ApiRoute>& api_routes() {
     static const std::vector<ApiRoute> routes = {
         {verb::get, "/api/levels", now<list_levels>, "the levels"},
         {verb::get, "/api/levels/{level}", now<show_level>, "crosspoints and locks of a level"},
-        {verb::post, "/api/levels/{level}/take", now<take>,
+        {verb::post, "/api/levels/{level}/take", take,
          R"(take {"destination":5,"source":3}, or several: {"takes":[{...},...]})"},
-        {verb::post, "/api/levels/{level}/lock", now<lock>, R"(lock or unlock {"destination":5,"locked":true})"},
+        {verb::post, "/api/levels/{level}/lock", lock, R"(lock or unlock {"destination":5,"locked":true})"},
         {verb::get, "/api/clients", now<list_clients>, "the connected Leitch clients"},
         {verb::get, "/api/links", now<list_links>, "the links served, and how they stand"},
         {verb::get, "/api/events", now<list_events>, "the recent events, or those after ?after=SEQ"},

@@ -5,6 +5,7 @@
 
 #include <boost/asio/io_context.hpp>
 
+#include "sim/backends/simulated_backend.h"
 #include "sim/client_driver.h"
 
 namespace routerd {
@@ -26,7 +27,8 @@ protected:
     Log log_;
     RefusalLog refusals_{log_};
     Router router_{{{0, "video", 64, 40}}};
-    SwitchQueue switches_{io_.get_executor(), router_, refusals_, [] {}};
+    SimulatedBackend backend_{router_};
+    SwitchQueue switches_{io_.get_executor(), router_, backend_, refusals_, [] {}};
     ClientDriver driver_{1, router_, switches_, log_, refusals_};
 };
 

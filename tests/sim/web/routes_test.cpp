@@ -19,6 +19,7 @@
 
 #include <boost/asio/io_context.hpp>
 
+#include "sim/backends/simulated_backend.h"
 #include "sim/web/api.h"
 #include "sim/web/web_state.h"
 
@@ -175,7 +176,8 @@ protected:
     SimulatorConfig config_;
     Router router_;
     SessionManager sessions_{io_.get_executor()};
-    SwitchQueue switches_{io_.get_executor(), router_, refusals_, [] {}};
+    SimulatedBackend backend_{router_};
+    SwitchQueue switches_{io_.get_executor(), router_, backend_, refusals_, [] {}};
     std::unique_ptr<StateWriter> writer_;
     WebState state_;
 };
