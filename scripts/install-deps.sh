@@ -27,6 +27,13 @@ packages=(
   libboost-dev:arm64 libboost-system-dev:arm64 libtomlplusplus-dev:arm64 libsqlite3-dev:arm64 libtelnet-dev:arm64   # the arm64 packages' build
 )
 
+# Node.js runs the Videohub mockup server (scripts/install-videohub-mockup.sh).
+# Any node and npm on PATH will do: Debian's are installed only when there are
+# none, since a Node.js from elsewhere may carry its own npm and conflict.
+if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+  packages+=(nodejs npm)
+fi
+
 # arm64 libraries come from Debian's multiarch packages. armhf's GoogleTest is
 # built from the sources in /usr/src/googletest instead (scripts/cross-test.sh):
 # see docs/packaging.md, "ARM", for why armhf is not added as an architecture.

@@ -43,6 +43,12 @@ trap report_times EXIT
 begin "install dependencies"
 scripts/install-deps.sh
 
+# Set, so that the tests against the Videohub mockup fail rather than skip
+# when it is missing.
+begin "Videohub mockup server (npm ci)"
+scripts/install-videohub-mockup.sh
+export LEITCH_REQUIRE_MOCKUP=1
+
 jobs=$(nproc)
 for preset in default sanitize; do
   begin "$preset build and tests"

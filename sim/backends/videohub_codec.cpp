@@ -77,6 +77,8 @@ std::optional<Field> split_field(std::string_view line) {
     if (colon == std::string_view::npos) return std::nullopt;
     std::string_view value = line.substr(colon + 1);
     while (!value.empty() && value.front() == ' ') value.remove_prefix(1);
+    // One third-party server sends "Version: 2.3 ".
+    while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
     return Field{line.substr(0, colon), value};
 }
 

@@ -519,6 +519,11 @@ TEST(VideohubPreamble, VersionIsMajorAndMinor) {
     EXPECT_EQ(read("PROTOCOL PREAMBLE:\nVersion: 2.10\n\n"), "preamble 2.10\n");
 }
 
+TEST(VideohubPreamble, SpacesAfterAValueAreNotPartOfIt) {
+    EXPECT_EQ(read("PROTOCOL PREAMBLE:\nVersion: 2.3 \n\nVIDEOHUB DEVICE:\nDevice present: true\t\nVideo inputs: 16  \n\n"),
+              "preamble 2.3\ndevice present, model '', 16 inputs, 0 outputs, 0 monitoring outputs\n");
+}
+
 TEST(VideohubPreamble, AnUnreadableVersionIsZeroAndCounted) {
     EXPECT_EQ(read("PROTOCOL PREAMBLE:\nVersion: 3\nVersion: two.three\nBuild: 8.1\n\n"),
               "preamble 0.0 (2 malformed)\n");
