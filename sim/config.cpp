@@ -434,7 +434,9 @@ public:
         for (std::size_t i = 0; i < list->size(); ++i) {
             const toml::table& level = *list->get(i)->as_table();
             const std::string prefix = "level[" + std::to_string(i) + "].";
-            only_known_keys(level, prefix, {"number", "name", "sources", "destinations", "crosspoints", "locks"});
+            only_known_keys(level, prefix,
+                            {"number", "name", "sources", "destinations", "crosspoints", "locks", "source_labels",
+                             "destination_labels"});
             LevelSpec levelSpec;
             levelSpec.number = static_cast<int>(required_integer(level, "number", prefix, std::numeric_limits<int>::min(),
                                                             std::numeric_limits<int>::max()));
@@ -445,18 +447,45 @@ public:
                                          (levelSpec.number == config.backend.video_level ||
                                           levelSpec.number == config.backend.monitoring_level);
             if (sized_by_router) {
-                for (const char* key : {"sources", "destinations", "crosspoints", "locks"}) {
+                for (const char* key : {"sources", "destinations", "crosspoints", "locks", "source_labels", "destination_labels"}) {
                     if (const toml::node* n = level.get(key))
-                        fail(n->source(), prefix + key, "the router's own: a level the router serves takes its sizes and crosspoints from it");
+                        fail(n->source(), prefix + key, "the router's own: a level the router serves takes its sizes, crosspoints and labels from it");
                 }
             } else {
                 levelSpec.sources = static_cast<int>(required_integer(level, "sources", prefix, 1, kMaxSize));
                 levelSpec.destinations = static_cast<int>(required_integer(level, "destinations", prefix, 1, kMaxSize));
+                levelSpec.source_labels = labels(level, "source_labels", prefix, levelSpec.sources, "source");
+                levelSpec.destination_labels =
+                    labels(level, "destination_labels", prefix, levelSpec.destinations, "destination");
             }
-            config.levels.push_back(levelSpec);
-            initial_crosspoints(level, prefix, levelSpec, config);
-            initial_locks(level, prefix, levelSpec, config);
+            config.levels.push_back(std::move(levelSpec));
+            const LevelSpec& added = config.levels.back();
+            initial_crosspoints(level, prefix, added, config);
+            initial_locks(level, prefix, added, config);
         }
+    }
+
+    // The labels of a level's sources or destinations, from the first on;
+    // "" leaves one without a label, as do those after the list's end.
+    std::vector<std::string> labels(const toml::table& level, const std::string& name, const std::string& prefix,
+                                    int ports, const std::string& what) const {
+        std::vector<std::string> result;
+        const toml::node* node = level.get(name);
+        if (!node) return result;
+        const toml::array* list = node->as_array();
+        if (!list) fail(node->source(), prefix + name, "must be an array of strings");
+        if (list->size() > static_cast<std::size_t>(ports))
+            fail(node->source(), prefix + name,
+                 "lists " + std::to_string(list->size()) + " labels, but the level has " + std::to_string(ports) + " " +
+                     what + (ports == 1 ? "" : "s"));
+        for (std::size_t i = 0; i < list->size(); ++i) {
+            const toml::node& entry = *list->get(i);
+            const std::string key = prefix + name + "[" + std::to_string(i) + "]";
+            std::string text = string(entry, key);
+            if (const std::string problem = label_problem(text); !problem.empty()) fail(entry.source(), key, problem);
+            result.push_back(std::move(text));
+        }
+        return result;
     }
 
     // Entries of an inline array of tables, e.g. crosspoints = [ { destination = 5, source = 3 } ].

@@ -1,6 +1,7 @@
 #include "sim/router/router.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <utility>
 
 namespace routerd {
@@ -16,13 +17,72 @@ std::string describe(Refusal refusal) {
         case Refusal::router_refused: return "refused by the router";
         case Refusal::router_away: return "the router is not connected";
         case Refusal::locked_at_router: return "locked at the router by another controller";
+        case Refusal::label_not_allowed: return "label not allowed";
     }
     return "refused";
 }
 
+std::string label_problem(std::string_view text) {
+    if (text.size() > kMaxLabelBytes)
+        return "at most " + std::to_string(kMaxLabelBytes) + " bytes (this one has " + std::to_string(text.size()) + ")";
+    // The least code point of each length: a longer encoding is not UTF-8.
+    static constexpr char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    for (std::size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        const std::size_t length = lead < 0x80           ? 1
+                                   : (lead >> 5) == 0x6  ? 2
+                                   : (lead >> 4) == 0xE  ? 3
+                                   : (lead >> 3) == 0x1E ? 4
+                                                         : 0;
+        const auto not_utf8 = [i] { return "not UTF-8 (at byte " + std::to_string(i) + ")"; };
+        if (length == 0 || i + length > text.size()) return not_utf8();
+        char32_t code = length == 1 ? lead : lead & (0x7Fu >> length);
+        for (std::size_t k = 1; k < length; ++k) {
+            const auto next = static_cast<unsigned char>(text[i + k]);
+            if ((next & 0xC0) != 0x80) return not_utf8();
+            code = (code << 6) | (next & 0x3Fu);
+        }
+        if (code < least[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return not_utf8();
+        // Line and paragraph separators break a line as a new line does.
+        if (code < 0x20 || (code >= 0x7F && code <= 0x9F) || code == 0x2028 || code == 0x2029) {
+            char name[8];
+            std::snprintf(name, sizeof name, "U+%04X", static_cast<unsigned>(code));
+            return "must hold no control characters or line breaks (" + std::string(name) + " at byte " +
+                   std::to_string(i) + ")";
+        }
+        i += length;
+    }
+    return {};
+}
+
+namespace {
+
+// Labels are kept no longer than their last one, so that a level without
+// labels costs nothing to show.
+void trim_labels(std::vector<std::string>& labels, int ports) {
+    if (labels.size() > static_cast<std::size_t>(ports)) labels.resize(static_cast<std::size_t>(ports));
+    while (!labels.empty() && labels.back().empty()) labels.pop_back();
+}
+
+std::size_t bytes_of(const std::vector<std::string>& labels) {
+    std::size_t bytes = 0;
+    for (const std::string& label : labels) bytes += label.size();
+    return bytes;
+}
+
+const std::string& label_at(const std::vector<std::string>& labels, int port) {
+    static const std::string none;
+    return port >= 0 && static_cast<std::size_t>(port) < labels.size() ? labels[static_cast<std::size_t>(port)] : none;
+}
+
+}  // namespace
+
 Router::Router(const std::vector<LevelSpec>& levels) : specs_(levels) {
     state_.reserve(specs_.size());
-    for (const LevelSpec& levelSpec : specs_) {
+    for (LevelSpec& levelSpec : specs_) {
+        trim_labels(levelSpec.source_labels, levelSpec.sources);
+        trim_labels(levelSpec.destination_labels, levelSpec.destinations);
+        label_bytes_ += bytes_of(levelSpec.source_labels) + bytes_of(levelSpec.destination_labels);
         Level& level = state_.emplace_back();
         level.number = levelSpec.number;
         level.source_count = levelSpec.sources;
@@ -199,6 +259,43 @@ int Router::source_of(int level, int destination) const {
 
 int Router::lock_of(int level, int destination) const {
     return level_state(level)->locks.at(static_cast<std::size_t>(destination));
+}
+
+// A level's description sits at the index of its state.
+const LevelSpec* Router::described_level(int level) const {
+    const Level* state = level_state(level);
+    return state ? &specs_[static_cast<std::size_t>(state - state_.data())] : nullptr;
+}
+
+const std::string& Router::source_label(int level, int source) const {
+    static const std::string none;
+    const LevelSpec* levelSpec = described_level(level);
+    return levelSpec ? label_at(levelSpec->source_labels, source) : none;
+}
+
+const std::string& Router::destination_label(int level, int destination) const {
+    static const std::string none;
+    const LevelSpec* levelSpec = described_level(level);
+    return levelSpec ? label_at(levelSpec->destination_labels, destination) : none;
+}
+
+Refusal Router::set_label(int level, LabelSide side, int port, std::string text) {
+    const LevelSpec* found = described_level(level);
+    if (!found) return Refusal::unknown_level;
+    LevelSpec& levelSpec = specs_[static_cast<std::size_t>(found - specs_.data())];
+    const bool source = side == LabelSide::source;
+    if (port < 0 || port >= (source ? levelSpec.sources : levelSpec.destinations))
+        return source ? Refusal::source_out_of_range : Refusal::destination_out_of_range;
+    if (!label_problem(text).empty()) return Refusal::label_not_allowed;
+    std::vector<std::string>& labels = source ? levelSpec.source_labels : levelSpec.destination_labels;
+    if (label_at(labels, port) == text) return Refusal::none;
+    const auto index = static_cast<std::size_t>(port);
+    if (labels.size() <= index) labels.resize(index + 1);
+    label_bytes_ = label_bytes_ - labels[index].size() + text.size();
+    labels[index] = std::move(text);
+    trim_labels(labels, source ? levelSpec.sources : levelSpec.destinations);
+    tell_observers([&](RouterObserver& o) { o.labels_changed(level); });
+    return Refusal::none;
 }
 
 void Router::subscribe(RouterObserver& observer) { observers_.push_back(&observer); }

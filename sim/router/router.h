@@ -3,17 +3,36 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace routerd {
 
-// One level of the router as configured.
+// One level of the router as configured; in the router's own copy, with its
+// labels as they stand.
 struct LevelSpec {
     int number = 0;  // the router's own level number
     std::string name;
     int sources = 0;
     int destinations = 0;
+    // From source (destination) 0 on; an empty label, or one past the end of
+    // the list, is no label: the port is shown by its number. The router keeps
+    // the lists no longer than their last label.
+    std::vector<std::string> source_labels{};
+    std::vector<std::string> destination_labels{};
 };
+
+// The name of a source or a destination on a panel. A real router's labels
+// are 8 to 32 characters; 64 bytes leaves room for 32 characters that take
+// two bytes in UTF-8, and keeps what a page is sent for a 1152 x 1152 level's
+// labels under 300 KiB.
+constexpr std::size_t kMaxLabelBytes = 64;
+
+// Why `text` cannot be a label (too long, not UTF-8, a control character or a
+// line break in it), in words that follow a key's name; empty when it can.
+std::string label_problem(std::string_view text);
+
+enum class LabelSide { source, destination };
 
 // Told of every change the router publishes, including changes to the value it had.
 class RouterObserver {
@@ -22,6 +41,8 @@ public:
     virtual void lock_changed(int level, int destination, int state) = 0;
     // The levels' sizes changed (a real router announced others); told at once.
     virtual void levels_changed() {}
+    // A label of the level changed; told at once, not with a frame.
+    virtual void labels_changed(int /*level*/) {}
 
 protected:
     ~RouterObserver() = default;
@@ -58,6 +79,7 @@ enum class Refusal {
     router_refused,     // the router answered NAK, or left the destination as it was
     router_away,        // no router to ask: not connected, or it did not answer
     locked_at_router,   // another controller of the router holds the destination
+    label_not_allowed,  // see label_problem()
 };
 
 std::string describe(Refusal refusal);
@@ -112,6 +134,16 @@ public:
     int source_of(int level, int destination) const;
     int lock_of(int level, int destination) const;
 
+    // A port's label; empty when it has none (or there is no such port).
+    const std::string& source_label(int level, int source) const;
+    const std::string& destination_label(int level, int destination) const;
+    // Bytes of every label together, for what showing them all may cost.
+    std::size_t label_bytes() const { return label_bytes_; }
+    // Stores a label (empty: none). Observers are told at once, and only of
+    // a label that changed: frames do not carry labels. Refused for a port
+    // out of range and for text label_problem() refuses.
+    Refusal set_label(int level, LabelSide side, int port, std::string text);
+
     // True when changes wait to be told.
     bool changed() const { return !changes_.empty(); }
     // Tells every observer every destination changed since the last publish,
@@ -144,6 +176,7 @@ private:
 
     Level* level_state(int level);
     const Level* level_state(int level) const;
+    const LevelSpec* described_level(int level) const;
     void note_change(int level, Level& state, int destination, std::uint8_t what);
     template <typename Tell>
     void tell_observers(const Tell& tell);
@@ -152,6 +185,7 @@ private:
     std::vector<Level> state_;          // in the order of specs_
     std::vector<Level*> by_number_;     // levels numbered 0 to kIndexedLevels - 1, by number
     std::size_t total_destinations_ = 0;
+    std::size_t label_bytes_ = 0;
     std::vector<Change> changes_;  // at most two per destination
     std::vector<Change> publishing_;
     std::vector<PublishedChange> published_;

@@ -33,6 +33,13 @@ json level_object(const LevelSpec& level, int leitch_level) {
             {"leitch_level", leitch_level_value(leitch_level)}};
 }
 
+// From the first port to the last one labelled; null for a port without a label.
+json labels_array(const std::vector<std::string>& labels) {
+    json list = json::array();
+    for (const std::string& label : labels) list.push_back(label.empty() ? json(nullptr) : json(label));
+    return list;
+}
+
 json level_state_object(const Router& router, const LevelSpec& level, int leitch_level) {
     std::vector<int> crosspoints(static_cast<std::size_t>(level.destinations));
     std::vector<int> locks(static_cast<std::size_t>(level.destinations));
@@ -43,6 +50,8 @@ json level_state_object(const Router& router, const LevelSpec& level, int leitch
     json object = level_object(level, leitch_level);
     object["crosspoints"] = std::move(crosspoints);
     object["locks"] = std::move(locks);
+    object["source_labels"] = labels_array(level.source_labels);
+    object["destination_labels"] = labels_array(level.destination_labels);
     return object;
 }
 
@@ -308,6 +317,21 @@ void FrameMessage::add_clients_and_links(std::vector<const ClientInfo*> clients,
     text_ += clients_array(std::move(clients));
     text_ += ",\"links\":";
     text_ += links_array(links);
+}
+
+void FrameMessage::add_labels(const Router& router, const std::vector<int>& levels) {
+    text_ += ",\"labels\":[";
+    bool first = true;
+    for (const int number : levels) {
+        const LevelSpec* level = router.find_level(number);
+        if (!level) continue;
+        if (!first) text_ += ',';
+        first = false;
+        text_ += dump({{"number", level->number},
+                       {"source_labels", labels_array(level->source_labels)},
+                       {"destination_labels", labels_array(level->destination_labels)}});
+    }
+    text_ += ']';
 }
 
 std::string FrameMessage::finish() {

@@ -33,7 +33,9 @@ std::string refusal_message(const std::string& error, const std::string& field, 
 // {"levels":[...]}: each level's number, name, sizes and Leitch level.
 std::string levels_message(const Router& router, const LeitchLevelOf& leitch_level);
 // One level as above, with the source ("crosspoints") and the lock state
-// ("locks") of each destination.
+// ("locks") of each destination, and the labels ("source_labels",
+// "destination_labels": from port 0 to the last one labelled, null for a port
+// without a label; a page shows such a port by its number).
 std::string level_message(const Router& router, const LevelSpec& level, int leitch_level);
 // {"clients":[...]}: the connected Leitch clients, by id.
 std::string clients_message(std::vector<const ClientInfo*> clients);
@@ -77,6 +79,9 @@ public:
     FrameMessage(const std::vector<DestinationChange>& crosspoints, const std::vector<DestinationChange>& locks);
     void add_events(const ActivityEvents& events, std::uint64_t after);
     void add_clients_and_links(std::vector<const ClientInfo*> clients, const std::vector<LinkStatus>& links);
+    // Every label of these levels, as they stand: labels change seldom, and a
+    // page then shows all of a level's anew.
+    void add_labels(const Router& router, const std::vector<int>& levels);
     std::string finish();
 
 private:

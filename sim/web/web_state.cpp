@@ -16,6 +16,9 @@ namespace {
 constexpr std::size_t kPageQueueBase = 512 * 1024;
 // The most one destination's crosspoint and lock take in a frame message.
 constexpr std::size_t kFrameBytesPerDestination = 48;
+// Besides its own bytes, written twice at most (a quote or a backslash takes
+// two), the most one port's label takes in a message: quotes and a comma, or "null,".
+constexpr std::size_t kLabelBytesPerPort = 5;
 
 
 }  // namespace
@@ -38,6 +41,8 @@ WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig&
       crosspoints_(router),
       locks_(router),
       push_timer_(executor_) {
+    for (const LevelSpec& level : router.levels())
+        ports_ += static_cast<std::size_t>(level.sources) + static_cast<std::size_t>(level.destinations);
     router_.subscribe(*this);
     switches_.watch(this);
 }
@@ -86,6 +91,16 @@ void WebState::crosspoint_changed(int level, int source, int destination) {
 
 void WebState::lock_changed(int level, int destination, int state) {
     if (!pages_.empty()) locks_.note(level, destination, state);
+}
+
+void WebState::labels_changed(int level) {
+    if (pages_.empty()) return;  // a page that opens later is greeted with them
+    if (std::find(relabelled_.begin(), relabelled_.end(), level) == relabelled_.end()) relabelled_.push_back(level);
+    push_soon();
+}
+
+std::size_t WebState::page_queue_bound() const {
+    return page_queue_bound_ + 2 * (2 * router_.label_bytes() + kLabelBytesPerPort * ports_);
 }
 
 void WebState::switch_asked(int client, Kind kind, int level, int destination, int value, Refusal refusal) {
@@ -182,20 +197,22 @@ void WebState::push_soon() {
 void WebState::forget_changes() {
     crosspoints_.clear();
     locks_.clear();
+    relabelled_.clear();
 }
 
 void WebState::push() {
     const bool new_events = activity_.last_seq() != pushed_seq_;
     if (pages_.empty()) {
-        if (!crosspoints_.empty() || !locks_.empty()) forget_changes();
+        if (!crosspoints_.empty() || !locks_.empty() || !relabelled_.empty()) forget_changes();
         pushed_seq_ = activity_.last_seq();
         clients_changed_ = false;
         return;
     }
-    if (crosspoints_.empty() && locks_.empty() && !new_events && !clients_changed_) return;
+    if (crosspoints_.empty() && locks_.empty() && relabelled_.empty() && !new_events && !clients_changed_) return;
     FrameMessage frame(crosspoints_.changes(), locks_.changes());
     if (new_events) frame.add_events(activity_.events(), pushed_seq_);
     if (clients_changed_) frame.add_clients_and_links(clients(), links_.links());
+    if (!relabelled_.empty()) frame.add_labels(router_, relabelled_);
     const auto message = std::make_shared<const std::string>(frame.finish());
     pushed_at_ = std::chrono::steady_clock::now();
     forget_changes();

@@ -37,7 +37,8 @@ class WebSocketSession;
 // display shows no more), with every event since the last message, in order;
 // a change after a quiet interval goes at once. A message that shows a change
 // not kept yet waits until it is (see SwitchQueue), and so does every message
-// after it, a page's greeting included. With no page open nothing is gathered.
+// after it, a page's greeting included. A level whose labels change is sent
+// whole with the next message. With no page open nothing is gathered.
 class WebState final : private RouterObserver, public SwitchWatcher, public SessionWatcher {
 public:
     static constexpr std::size_t kActivityEvents = 300;
@@ -85,8 +86,10 @@ public:
     void join(WebSocketSession& page) { pages_.insert(&page); }
     void leave(WebSocketSession& page) { pages_.erase(&page); }
     int next_page_id() { return next_page_++; }
-    // The most a page may have waiting before it counts as one that does not read.
-    std::size_t page_queue_bound() const { return page_queue_bound_; }
+    // The most a page may have waiting before it counts as one that does not
+    // read; it grows with the labels, which a greeting and a frame may each
+    // carry whole.
+    std::size_t page_queue_bound() const;
 
     // The end of a frame: what it changed goes to every page, now or at the
     // end of the push interval.
@@ -102,6 +105,7 @@ public:
 private:
     void crosspoint_changed(int level, int source, int destination) override;
     void lock_changed(int level, int destination, int state) override;
+    void labels_changed(int level) override;
 
     void push_soon();
     void push();
@@ -135,10 +139,12 @@ private:
     AddressShares page_places_;  // max_pages, shared out by address
     RefusalBursts refusals_;
     int next_page_ = 1;
-    std::size_t page_queue_bound_;
+    std::size_t page_queue_bound_;  // without the labels
+    std::size_t ports_ = 0;         // sources and destinations of every level
 
     LatestChanges crosspoints_;  // told since the last push
     LatestChanges locks_;
+    std::vector<int> relabelled_;  // levels whose labels changed since the last push
     boost::asio::steady_timer push_timer_;
     std::chrono::steady_clock::time_point pushed_at_{};
     std::uint64_t pushed_seq_ = 0;                 // the last event pushed

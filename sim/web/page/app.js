@@ -11,7 +11,8 @@
   const MAX_PAINT_LOG = 20000;
 
   const state = {
-    levels: [],            // {number, name, sources, destinations, leitch_level, crosspoints, locks}
+    levels: [],            // {number, name, sources, destinations, leitch_level, crosspoints, locks,
+                           //  source_labels, destination_labels, sourceHeaders, destinationHeaders}
     byNumber: new Map(),
     current: null,         // the level shown
     readonlyServer: false,
@@ -29,6 +30,7 @@
     paintLog: [],          // [level, destination, source, painted at (ms since the epoch)]
     firstPaint: null,      // ms after navigation start of the first full paint with data
     paints: 0,
+    headers: { columns: [], rows: [] },  // what the last paint wrote in the headers
   };
 
   // ------------------------------------------------------------- numbers
@@ -42,11 +44,56 @@
   };
   const clientName = (id) => (id === 0 ? 'web' : 'client ' + id);
 
+  // ------------------------------------------------------------- labels
+
+  // A port with a label is named by it, its number beside; one without, by its number alone.
+  const portName = (kind, n, label) => (label ? `${label} (${kind} ${num(n)})` : `${kind} ${num(n)}`);
+  const sourceName = (level, s) => portName('src', s, level.source_labels[s]);
+  const destinationName = (level, d) => portName('dst', d, level.destination_labels[d]);
+
+  const LABEL_FONT = '11px system-ui, sans-serif';
+  const LABEL_MAX = 110;  // px: longer labels are cut short in the headers (the tooltip has them whole)
+  const NO_HEADERS = { shown: [], width: 0 };
+
+  const fit = (text, max) => {
+    if (ctx.measureText(text).width <= max) return text;
+    const chars = Array.from(text);
+    let lo = 0, hi = chars.length;
+    while (lo < hi) {
+      const mid = (lo + hi + 1) >> 1;
+      if (ctx.measureText(chars.slice(0, mid).join('') + '\u2026').width <= max) lo = mid; else hi = mid - 1;
+    }
+    return chars.slice(0, lo).join('').trimEnd() + '\u2026';
+  };
+
+  // The labels as the headers show them, and the widest of each side: measured
+  // when they change, not at every paint. Ports past the end of a list have none.
+  function prepareLabels(level) {
+    level.source_labels = level.source_labels || [];
+    level.destination_labels = level.destination_labels || [];
+    ctx.font = LABEL_FONT;
+    const side = (labels) => {
+      const shown = [];
+      let widest = 0;
+      labels.forEach((text, i) => {
+        if (!text) return;
+        shown[i] = fit(text, LABEL_MAX);
+        widest = Math.max(widest, ctx.measureText(shown[i]).width);
+      });
+      return { shown, width: Math.ceil(widest) };
+    };
+    level.sourceHeaders = side(level.source_labels);
+    level.destinationHeaders = side(level.destination_labels);
+  }
+
   // ------------------------------------------------------------- geometry
 
-  // Normal: sources across, destinations down. Swapped: the reverse. The lock
-  // boxes sit beside the destination labels.
+  // Normal: sources across, destinations down. Swapped: the reverse. The
+  // headers hold the numbers, then the labels (the columns' turned to read
+  // upwards), then the lock boxes beside the destinations; a side without
+  // labels takes no room for them.
   const LOCK = 14;
+  const NUMBERS_H = 22;
   const geometry = () => {
     const level = state.current;
     const zoom = Number($('zoom').value);
@@ -54,31 +101,60 @@
     const cols = level ? (swap ? level.destinations : level.sources) : 0;
     const rows = level ? (swap ? level.sources : level.destinations) : 0;
     const labelChars = level ? num(Math.max(level.sources, level.destinations) - 1).length : 1;
-    const labelW = 10 + labelChars * 7;
-    const left = swap ? labelW : labelW + LOCK + 4;
-    const top = swap ? 22 + LOCK + 4 : 22;
-    return { zoom, swap, cols, rows, left, top, labelW };
+    const labelW = 10 + labelChars * 7;  // the row numbers
+    const rowHeaders = level ? (swap ? level.sourceHeaders : level.destinationHeaders) : NO_HEADERS;
+    const colHeaders = level ? (swap ? level.destinationHeaders : level.sourceHeaders) : NO_HEADERS;
+    const rowLabelW = rowHeaders.width ? rowHeaders.width + 8 : 0;
+    const colLabelH = colHeaders.width ? colHeaders.width + 8 : 0;
+    const lockX = labelW + rowLabelW;       // the lock boxes' column, normal
+    const lockY = NUMBERS_H + colLabelH;    // their row, swapped
+    const left = swap ? lockX : lockX + LOCK + 4;
+    const top = swap ? lockY + LOCK + 4 : lockY;
+    return { zoom, swap, cols, rows, left, top, labelW, rowLabelW, colLabelH, lockX, lockY, rowHeaders, colHeaders };
   };
 
   const destinationAt = (g, row, col) => (g.swap ? col : row);
   const sourceAt = (g, row, col) => (g.swap ? row : col);
 
-  // What lies under a point of the scroller's box: a cell, a lock box, or nothing.
+  // What lies under a point of the scroller's box: a cell, a lock box, a
+  // row's or a column's header, or nothing.
   const hit = (x, y) => {
     const g = geometry();
     if (!state.current) return null;
     const col = Math.floor((x - g.left + scroller.scrollLeft) / g.zoom);
     const row = Math.floor((y - g.top + scroller.scrollTop) / g.zoom);
+    const inRows = row >= 0 && row < g.rows, inCols = col >= 0 && col < g.cols;
     if (x >= g.left && y >= g.top) {
-      if (col < 0 || row < 0 || col >= g.cols || row >= g.rows) return null;
+      if (!inRows || !inCols) return null;
       return { kind: 'cell', row, col, destination: destinationAt(g, row, col), source: sourceAt(g, row, col) };
     }
-    if (!g.swap && x >= g.labelW && x < g.labelW + LOCK + 4 && y >= g.top && row >= 0 && row < g.rows)
+    if (!g.swap && x >= g.lockX && x < g.lockX + LOCK + 4 && y >= g.top && inRows)
       return { kind: 'lock', row, col: -1, destination: row };
-    if (g.swap && y >= 22 && y < 22 + LOCK + 4 && x >= g.left && col >= 0 && col < g.cols)
+    if (g.swap && y >= g.lockY && y < g.lockY + LOCK + 4 && x >= g.left && inCols)
       return { kind: 'lock', row: -1, col, destination: col };
+    if (x < g.left && y >= g.top && inRows)
+      return { kind: 'header', row, col: -1, side: g.swap ? 'source' : 'destination', port: row };
+    if (y < g.top && x >= g.left && inCols)
+      return { kind: 'header', row: -1, col, side: g.swap ? 'destination' : 'source', port: col };
     return null;
   };
+
+  // The tooltip of what lies under the pointer: labels whole, numbers beside.
+  function describeSpot(found) {
+    const level = state.current;
+    const locked = found.destination !== undefined && level.locks[found.destination] === 1;
+    switch (found.kind) {
+      case 'cell':
+        return `${sourceName(level, found.source)} \u2192 ${destinationName(level, found.destination)}` +
+               (locked ? ' \u00b7 locked' : '');
+      case 'lock': return `${destinationName(level, found.destination)}: ${locked ? 'unlock' : 'lock'}`;
+      case 'header':
+        if (found.side === 'source') return sourceName(level, found.port);
+        return `${destinationName(level, found.port)} \u2190 ${sourceName(level, level.crosspoints[found.port])}` +
+               (level.locks[found.port] === 1 ? ' \u00b7 locked' : '');
+    }
+    return '';
+  }
 
   // ------------------------------------------------------------- drawing
 
@@ -186,45 +262,70 @@
     grid.dataset.paints = String(state.paints);
   }
 
+  const NUMBER_FONT = '11px ui-monospace, monospace';
+
   function drawLabels(g, level, c0, c1, r0, r1, cx, ry, width, height) {
     const z = g.zoom;
     const every = Math.max(1, Math.ceil(14 / z));  // a label every so many cells, so that they never overlap
+    const headers = { columns: [], rows: [] };
     ctx.fillStyle = '#1d2127';
     ctx.fillRect(0, 0, width, g.top);
     ctx.fillRect(0, 0, g.left, height);
-    ctx.font = '11px ui-monospace, monospace';
     ctx.textBaseline = 'middle';
     ctx.save();
     ctx.beginPath();
     ctx.rect(g.left, 0, width - g.left, g.top);
     ctx.clip();
-    ctx.textAlign = 'center';
     for (let c = c0; c < c1; c++) {
       const hovered = state.hover && state.hover.col === c;
       if (c % every !== 0 && !hovered) continue;
       ctx.fillStyle = hovered ? '#ffffff' : '#8a939e';
+      ctx.font = NUMBER_FONT;
+      ctx.textAlign = 'center';
       ctx.save();
       ctx.translate(cx(c) + z / 2, 11);
       if (z < 20 && num(c).length > 2) ctx.scale(0.8, 1);
       ctx.fillText(num(c), 0, 0);
       ctx.restore();
-      if (g.swap) drawLock(cx(c) + (z - LOCK) / 2, 24, level.locks[c] === 1, z);
+      const label = g.colHeaders.shown[c] || '';
+      if (label) {
+        // Turned to read upwards from the grid, as on a panel's column of buttons.
+        ctx.fillStyle = hovered ? '#ffffff' : '#c5ccd4';
+        ctx.font = LABEL_FONT;
+        ctx.textAlign = 'left';
+        ctx.save();
+        ctx.translate(cx(c) + z / 2, g.lockY - 4);
+        ctx.rotate(-Math.PI / 2);
+        ctx.fillText(label, 0, 0);
+        ctx.restore();
+      }
+      headers.columns.push([c, num(c), label]);
     }
-    if (g.swap && every > 1) for (let c = c0; c < c1; c++) if (c % every !== 0) drawLock(cx(c) + (z - LOCK) / 2, 24, level.locks[c] === 1, z);
+    if (g.swap) for (let c = c0; c < c1; c++) drawLock(cx(c) + (z - LOCK) / 2, g.lockY + 2, level.locks[c] === 1, z);
     ctx.restore();
     ctx.save();
     ctx.beginPath();
     ctx.rect(0, g.top, g.left, height - g.top);
     ctx.clip();
-    ctx.textAlign = 'right';
     for (let r = r0; r < r1; r++) {
       const hovered = state.hover && state.hover.row === r;
-      if (!g.swap) drawLock(g.labelW + 2, ry(r) + (z - LOCK) / 2, level.locks[r] === 1, z);
+      if (!g.swap) drawLock(g.lockX + 2, ry(r) + (z - LOCK) / 2, level.locks[r] === 1, z);
       if (r % every !== 0 && !hovered) continue;
       ctx.fillStyle = hovered ? '#ffffff' : '#8a939e';
+      ctx.font = NUMBER_FONT;
+      ctx.textAlign = 'right';
       ctx.fillText(num(r), g.labelW - 4, ry(r) + z / 2);
+      const label = g.rowHeaders.shown[r] || '';
+      if (label) {
+        ctx.fillStyle = hovered ? '#ffffff' : '#c5ccd4';
+        ctx.font = LABEL_FONT;
+        ctx.textAlign = 'left';
+        ctx.fillText(label, g.labelW + 2, ry(r) + z / 2);
+      }
+      headers.rows.push([r, num(r), label]);
     }
     ctx.restore();
+    state.headers = headers;
     ctx.fillStyle = '#5d6772';
     ctx.textAlign = 'left';
     ctx.font = '9px ui-monospace, monospace';
@@ -410,6 +511,7 @@
     state.levels = message.levels.map((level) => ({
       ...level, crosspoints: Int32Array.from(level.crosspoints), locks: Int32Array.from(level.locks),
     }));
+    for (const level of state.levels) prepareLabels(level);
     state.byNumber = new Map(state.levels.map((level) => [level.number, level]));
     state.readonlyServer = message.readonly;
     if (message.readonly) $('readonly').checked = true;
@@ -444,7 +546,18 @@
     if (message.events) addEvents(message.events);
     if (message.clients) { state.clients = message.clients; renderClients(); }
     if (message.links) { state.links = message.links; renderLinks(); }
-    if (message.crosspoints.length || message.locks.length) redraw();
+    // Every label of a level whose labels changed.
+    let relabelled = false;
+    for (const labels of message.labels || []) {
+      const target = state.byNumber.get(labels.number);
+      if (!target) continue;
+      target.source_labels = labels.source_labels;
+      target.destination_labels = labels.destination_labels;
+      prepareLabels(target);
+      if (target === shown) relabelled = true;
+    }
+    if (relabelled) resize();  // the headers may have grown or shrunk
+    else if (message.crosspoints.length || message.locks.length) redraw();
   }
 
   // ------------------------------------------------------------- changes from the page
@@ -550,21 +663,27 @@
     return [event.clientX - box.left, event.clientY - box.top];
   };
 
+  // The canvas has no elements to give titles to: the scroller above it takes
+  // the title of whatever is under the pointer.
   scroller.addEventListener('mousemove', (event) => {
     const found = hit(...pointIn(event));
     const hover = found ? { row: found.row, col: found.col } : null;
-    const info = $('hover-info');
-    if (found && found.kind === 'cell') info.textContent = `dst ${num(found.destination)} \u2190 src ${num(found.source)}`;
-    else if (found) info.textContent = `dst ${num(found.destination)}: ${state.current.locks[found.destination] === 1 ? 'unlock' : 'lock'}`;
-    else info.textContent = '';
+    const text = found ? describeSpot(found) : '';
+    $('hover-info').textContent = text;
+    if (scroller.title !== text) scroller.title = text;
     if (JSON.stringify(hover) !== JSON.stringify(state.hover)) { state.hover = hover; redraw(); }
   });
-  scroller.addEventListener('mouseleave', () => { state.hover = null; $('hover-info').textContent = ''; redraw(); });
+  scroller.addEventListener('mouseleave', () => {
+    state.hover = null;
+    $('hover-info').textContent = '';
+    scroller.title = '';
+    redraw();
+  });
   scroller.addEventListener('click', (event) => {
     const found = hit(...pointIn(event));
     if (!found) return;
     if (found.kind === 'cell') take(found.destination, found.source);
-    else toggleLock(found.destination);
+    else if (found.kind === 'lock') toggleLock(found.destination);
   });
   scroller.addEventListener('scroll', redraw, { passive: true });
   window.addEventListener('resize', redraw);
@@ -613,6 +732,13 @@
     paints: () => state.paints,
     levels: () => state.levels.map(({ number, name, sources, destinations, leitch_level }) =>
       ({ number, name, sources, destinations, leitch_level })),
+    labels: (level) => {
+      const { source_labels, destination_labels } = state.byNumber.get(level);
+      return { source_labels: source_labels.slice(), destination_labels: destination_labels.slice() };
+    },
+    // [number, number as shown, label as shown] of each header the last paint wrote.
+    headers: () => ({ columns: state.headers.columns.slice(), rows: state.headers.rows.slice() }),
+    tooltip: () => scroller.title,
     shownLevel: () => (state.current ? state.current.number : null),
     source: (level, destination) => state.byNumber.get(level).crosspoints[destination],
     lock: (level, destination) => state.byNumber.get(level).locks[destination],
@@ -629,17 +755,28 @@
     // The centre of a cell or a lock box in page coordinates, once scrolled into view.
     cellCentre: (destination, source) => centreOf(destination, source),
     lockCentre: (destination) => centreOf(destination, null),
+    // A point on the label of a source's or a destination's header.
+    headerPoint: (side, port) => (side === 'source' ? centreOf(null, port, 'header') : centreOf(port, null, 'header')),
   });
 
-  function centreOf(destination, source) {
+  // Where a cell (destination and source), a lock box (source null) or a
+  // header (kind 'header', the other null) is, once scrolled into view.
+  function centreOf(destination, source, kind) {
     const g = geometry();
-    const row = g.swap ? (source === null ? null : source) : destination;
+    const row = g.swap ? source : destination;
     const col = g.swap ? destination : source;
     if (row !== null) scroller.scrollTop = Math.max(0, row * g.zoom - (scroller.clientHeight - g.top) / 2);
     if (col !== null) scroller.scrollLeft = Math.max(0, col * g.zoom - (scroller.clientWidth - g.left) / 2);
     const box = scroller.getBoundingClientRect();
-    const x = col === null ? g.labelW + 2 + LOCK / 2 : g.left + col * g.zoom - scroller.scrollLeft + g.zoom / 2;
-    const y = row === null ? 24 + LOCK / 2 : g.top + row * g.zoom - scroller.scrollTop + g.zoom / 2;
+    let x = g.left + col * g.zoom - scroller.scrollLeft + g.zoom / 2;
+    let y = g.top + row * g.zoom - scroller.scrollTop + g.zoom / 2;
+    if (kind === 'header') {
+      if (col === null) x = g.rowLabelW ? g.labelW + g.rowLabelW / 2 : g.labelW / 2;
+      else y = g.colLabelH ? NUMBERS_H + g.colLabelH / 2 : NUMBERS_H / 2;
+    } else {
+      if (col === null) x = g.lockX + 2 + LOCK / 2;
+      if (row === null) y = g.lockY + 2 + LOCK / 2;
+    }
     return { x: box.left + x, y: box.top + y };
   }
 

@@ -123,6 +123,49 @@ class Api(unittest.TestCase):
         self.assertEqual(request(self.routerd, "GET", "/style.css")[0], 200)
 
 
+class Labels(unittest.TestCase):
+    """Labels from the configuration, in a level's reply and a page's greeting."""
+
+    SOURCE_LABELS = ["CAM 1", "CAM 2", "CAM 3", "CAM 4", "CAM 5", "CAM 6", "CAM 7", "CAM 8",
+                     "VTR 1", "VTR 2", "VTR 3", "VTR 4", "GFX 1", "GFX 2", None, "CLIP PLAYER",
+                     "SAT REC 1", "SAT REC 2", "Studio B Remote Feed Camera 12 Wide", "BARS", "BLACK"]
+    DESTINATION_LABELS = ["Studio A PGM", "Studio A PVW", "MON 1", "MON 2", "MON 3", "MON 4", "MON 5", "MON 6",
+                          "TX 1", "TX 2", "REC 1", "REC 2", "Multiviewer 1 Quad Split Top Left Input",
+                          "Caf\u00e9 \u2192 Lobby"]
+
+    @classmethod
+    def setUpClass(cls):
+        cls.routerd = Routerd("--config", config("labelled_levels.toml"))
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.routerd.close()
+
+    def test_a_level_lists_its_labels_with_null_for_a_port_without_one(self):
+        status, level = request(self.routerd, "GET", "/api/levels/0")
+        self.assertEqual(status, 200)
+        self.assertEqual(level["source_labels"], self.SOURCE_LABELS)
+        self.assertEqual(level["destination_labels"], self.DESTINATION_LABELS)
+        self.assertEqual(level["crosspoints"], [0] * 32)
+
+    def test_a_level_without_labels_lists_none(self):
+        status, level = request(self.routerd, "GET", "/api/levels/1")
+        self.assertEqual((status, level["source_labels"], level["destination_labels"]), (200, [], []))
+
+    def test_the_list_of_levels_leaves_the_labels_out(self):
+        self.assertEqual(request(self.routerd, "GET", "/api/levels"), (200, {"levels": [
+            {"number": 0, "name": "video", "sources": 32, "destinations": 32, "leitch_level": 0},
+            {"number": 1, "name": "audio", "sources": 32, "destinations": 32, "leitch_level": 1}]}))
+
+    def test_a_page_is_greeted_with_the_labels(self):
+        page = WebSocket(self.routerd.web_port, origin="http://" + self.routerd.host)
+        hello = page.receive()
+        page.close()
+        self.assertEqual([(level["number"], level["source_labels"], level["destination_labels"])
+                          for level in hello["levels"]],
+                         [(0, self.SOURCE_LABELS, self.DESTINATION_LABELS), (1, [], [])])
+
+
 class SavedRoutings(unittest.TestCase):
     """Salvos: kept in the state file, recalled as takes through the router."""
 

@@ -77,6 +77,16 @@ class Page(unittest.TestCase):
         ActionChains(self.browser).move_to_element_with_offset(
             body, int(point["x"] - size["width"] / 2), int(point["y"] - size["height"] / 2)).click().perform()
 
+    def hover(self, point):
+        body = self.browser.find_element("tag name", "body")
+        size = body.size
+        ActionChains(self.browser).move_to_element_with_offset(
+            body, int(point["x"] - size["width"] / 2), int(point["y"] - size["height"] / 2)).perform()
+
+    def tooltip_over(self, point):
+        self.hover(point)
+        return self.view("tooltip()")
+
     def test_built_in_router_grid_is_drawn(self):
         self.assertEqual([(l["number"], l["name"], l["leitch_level"]) for l in self.view("levels()")],
                          [(0, "video", 0), (1, "audio", 1)])
@@ -141,6 +151,60 @@ class Page(unittest.TestCase):
         self.assertTrue(eventually(lambda: self.view("source(0, 1024)") == 1023))
         self.view("scrollToDestination(1024)")
         self.assertEqual(self.browser.find_element("id", "grid").get_attribute("data-destinations"), "1152")
+        client.close()
+
+    def test_labels_are_shown_in_the_headers_and_in_tooltips(self):
+        self.routerd.close()
+        self.routerd = Routerd("--config", config("labelled_levels.toml"))
+        self.open_page()
+        client = LeitchClient(self.routerd.port)
+        client.send("@ X:0/1,2\r@ W:0/4,1,1\r")
+        self.assertTrue(eventually(lambda: self.view("source(0, 1)") == 2 and self.view("lock(0, 4)") == 1))
+        self.assertEqual(self.view("labels(0)")["destination_labels"][11:], [
+            "REC 2", "Multiviewer 1 Quad Split Top Left Input", "Caf\u00e9 \u2192 Lobby"])
+        self.assertEqual(self.view("labels(1)"), {"source_labels": [], "destination_labels": []})
+
+        # Destinations down with their labels, sources across; numbers in hexadecimal beside them.
+        self.assertTrue(eventually(lambda: len(self.view("headers()")["rows"]) >= 16))
+        headers = self.view("headers()")
+        rows = {row[0]: row[1:] for row in headers["rows"]}
+        columns = {column[0]: column[1:] for column in headers["columns"]}
+        for number, shown in [(0, ["0", "Studio A PGM"]), (1, ["1", "Studio A PVW"]), (9, ["9", "TX 2"]),
+                              (13, ["D", "Caf\u00e9 \u2192 Lobby"]), (14, ["E", ""]), (15, ["F", ""])]:
+            self.assertEqual(rows[number], shown, number)
+        for number, shown in [(0, ["0", "CAM 1"]), (9, ["9", "VTR 2"]), (14, ["E", ""]), (15, ["F", "CLIP PLAYER"]),
+                              (20, ["14", "BLACK"]), (21, ["15", ""])]:
+            self.assertEqual(columns[number], shown, number)
+        # Too long for a header: cut short with an ellipsis, whole in the tooltip.
+        for cut, whole in [(rows[12], "Multiviewer 1 Quad Split Top Left Input"),
+                           (columns[18], "Studio B Remote Feed Camera 12 Wide")]:
+            self.assertTrue(cut[1].endswith("\u2026") and whole.startswith(cut[1][:-1].rstrip()), cut)
+            self.assertLess(len(cut[1]), len(whole))
+
+        self.assertEqual(self.tooltip_over(self.view("cellCentre(12, 18)")),
+                         "Studio B Remote Feed Camera 12 Wide (src 12) \u2192 "
+                         "Multiviewer 1 Quad Split Top Left Input (dst C)")
+        self.assertEqual(self.tooltip_over(self.view("cellCentre(4, 0)")),
+                         "CAM 1 (src 0) \u2192 MON 3 (dst 4) \u00b7 locked")
+        self.assertEqual(self.tooltip_over(self.view("cellCentre(20, 25)")), "src 19 \u2192 dst 14")
+        self.assertEqual(self.tooltip_over(self.view("headerPoint('destination', 1)")),
+                         "Studio A PVW (dst 1) \u2190 CAM 3 (src 2)")
+        self.assertEqual(self.tooltip_over(self.view("headerPoint('source', 15)")), "CLIP PLAYER (src F)")
+        self.assertEqual(self.tooltip_over(self.view("headerPoint('source', 14)")), "src E")
+        self.assertEqual(self.tooltip_over(self.view("lockCentre(4)")), "MON 3 (dst 4): unlock")
+        self.assertEqual(self.browser.find_element("id", "hover-info").text, "MON 3 (dst 4): unlock")
+
+        # Sources down: the same labels, the other way round.
+        self.browser.find_element("id", "swap").click()
+        self.assertTrue(eventually(lambda: [0, "0", "CAM 1"] in self.view("headers()")["rows"]))
+        self.assertIn([1, "1", "Studio A PVW"], self.view("headers()")["columns"])
+        self.assertEqual(self.tooltip_over(self.view("headerPoint('source', 2)")), "CAM 3 (src 2)")
+        self.assertEqual(self.tooltip_over(self.view("cellCentre(0, 9)")), "VTR 2 (src 9) \u2192 Studio A PGM (dst 0)")
+
+        # A level without labels shows its numbers alone.
+        self.view("select(1)")
+        self.assertTrue(eventually(lambda: [0, "0", ""] in self.view("headers()")["rows"]))
+        self.assertEqual(self.tooltip_over(self.view("cellCentre(3, 5)")), "src 5 \u2192 dst 3")
         client.close()
 
     def test_saved_routing_is_saved_and_recalled_from_the_page(self):

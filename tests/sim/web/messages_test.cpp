@@ -69,8 +69,27 @@ TEST_F(Messages, LevelsListEachLevelWithItsLeitchLevelOrNull) {
 
 TEST_F(Messages, ALevelHasTheSourceAndLockOfEachDestination) {
     EXPECT_EQ(level_message(router_, router_.levels()[0], 0),
-              R"({"crosspoints":[0,2,0],"destinations":3,"leitch_level":0,"locks":[0,0,1],)"
-              R"("name":"video","number":0,"sources":3})");
+              R"({"crosspoints":[0,2,0],"destination_labels":[],"destinations":3,"leitch_level":0,"locks":[0,0,1],)"
+              R"("name":"video","number":0,"source_labels":[],"sources":3})");
+}
+
+TEST_F(Messages, ALevelListsItsLabelsToTheLastOneWithNullForThoseWithout) {
+    router_.set_label(0, LabelSide::source, 2, "Studio A \"PGM\"");
+    router_.set_label(0, LabelSide::destination, 0, "MON \u2192 1");
+    EXPECT_EQ(level_message(router_, router_.levels()[0], 0),
+              R"({"crosspoints":[0,2,0],"destination_labels":["MON )" "\u2192" R"( 1"],"destinations":3,"leitch_level":0,)"
+              R"("locks":[0,0,1],"name":"video","number":0,"source_labels":[null,null,"Studio A \"PGM\""],)"
+              R"("sources":3})");
+}
+
+TEST_F(Messages, AFrameCarriesTheLabelsOfTheLevelsWhoseLabelsChanged) {
+    router_.set_label(1, LabelSide::source, 1, "MIC 2");
+    FrameMessage frame({}, {});
+    frame.add_labels(router_, {1, 0, 7});
+    EXPECT_EQ(frame.finish(),
+              R"({"type":"frame","crosspoints":[],"locks":[],"labels":[)"
+              R"({"destination_labels":[],"number":1,"source_labels":[null,"MIC 2"]},)"
+              R"({"destination_labels":[],"number":0,"source_labels":[]}]})");
 }
 
 TEST_F(Messages, ClientsAreListedByIdWithTheirLastLineEscaped) {
@@ -148,14 +167,16 @@ TEST_F(Messages, AFrameCarriesNewEventsAndClientsWhenThereAreSome) {
 
 TEST_F(Messages, HelloHasEverythingAPageShows) {
     add_change(ActivityEvent::Kind::take, 0, 1, 2);
+    router_.set_label(1, LabelSide::source, 0, "MIC 1");
+    router_.set_label(1, LabelSide::destination, 0, "OUT");
     EXPECT_EQ(hello_message({true, router_, leitch_level, {}, {}, activity_.events()}),
               R"({"clients":[],)"
               R"("events":[{"client":0,"destination":1,"kind":"take","level":0,"seq":1,"source":2,)"
               R"("time":1700000000123}],)"
-              R"("levels":[{"crosspoints":[0,2,0],"destinations":3,"leitch_level":0,"locks":[0,0,1],)"
-              R"("name":"video","number":0,"sources":3},)"
-              R"({"crosspoints":[0],"destinations":1,"leitch_level":null,"locks":[0],"name":"audio","number":1,)"
-              R"("sources":2}],)"
+              R"("levels":[{"crosspoints":[0,2,0],"destination_labels":[],"destinations":3,"leitch_level":0,)"
+              R"("locks":[0,0,1],"name":"video","number":0,"source_labels":[],"sources":3},)"
+              R"({"crosspoints":[0],"destination_labels":["OUT"],"destinations":1,"leitch_level":null,"locks":[0],)"
+              R"("name":"audio","number":1,"source_labels":["MIC 1"],"sources":2}],)"
               R"("links":[],"readonly":true,"type":"hello"})");
 }
 

@@ -197,8 +197,20 @@ TEST_F(Api, ATakeIsAppliedAtOnceAndShownInItsLevel) {
     expect_reply(post("/api/levels/0/take", R"({"destination":2,"source":1})"), http::status::ok,
                  R"({"applied":1})");
     expect_reply(get("/api/levels/0"), http::status::ok,
-                 R"({"crosspoints":[0,0,1],"destinations":3,"leitch_level":0,"locks":[0,0,0],)"
-                 R"("name":"video","number":0,"sources":3})");
+                 R"({"crosspoints":[0,0,1],"destination_labels":[],"destinations":3,"leitch_level":0,)"
+                 R"("locks":[0,0,0],"name":"video","number":0,"source_labels":[],"sources":3})");
+}
+
+TEST_F(Api, ALevelShowsItsLabelsAsTheyStandAndTheListOfLevelsDoesNot) {
+    router_.set_label(0, LabelSide::source, 1, "CAM 2");
+    router_.set_label(0, LabelSide::destination, 2, "MON 3");
+    expect_reply(get("/api/levels/0"), http::status::ok,
+                 R"({"crosspoints":[0,0,0],"destination_labels":[null,null,"MON 3"],"destinations":3,)"
+                 R"("leitch_level":0,"locks":[0,0,0],"name":"video","number":0,"source_labels":[null,"CAM 2"],)"
+                 R"("sources":3})");
+    expect_reply(get("/api/levels"), http::status::ok,
+                 R"({"levels":[{"destinations":3,"leitch_level":0,"name":"video","number":0,"sources":3},)"
+                 R"({"destinations":1,"leitch_level":null,"name":"audio","number":1,"sources":2}]})");
 }
 
 TEST_F(Api, ARefusedTakeNamesItsFieldAndWhatWasApplied) {
@@ -267,10 +279,10 @@ TEST_F(Api, ClientsLinksAndEvents) {
 TEST_F(Api, HelloIsWhatTheApiShowsTogether) {
     EXPECT_EQ(state_.hello(),
               R"({"clients":[],"events":[],"levels":[)"
-              R"({"crosspoints":[0,0,0],"destinations":3,"leitch_level":0,"locks":[0,0,0],)"
-              R"("name":"video","number":0,"sources":3},)"
-              R"({"crosspoints":[0],"destinations":1,"leitch_level":null,"locks":[0],"name":"audio","number":1,)"
-              R"("sources":2}],)"
+              R"({"crosspoints":[0,0,0],"destination_labels":[],"destinations":3,"leitch_level":0,)"
+              R"("locks":[0,0,0],"name":"video","number":0,"source_labels":[],"sources":3},)"
+              R"({"crosspoints":[0],"destination_labels":[],"destinations":1,"leitch_level":null,"locks":[0],)"
+              R"("name":"audio","number":1,"source_labels":[],"sources":2}],)"
               R"("links":[{"kind":"tcp","problem":"","settings":"","up":true,"where":"127.0.0.1:2323"}],)"
               R"("readonly":false,"type":"hello"})");
 }
