@@ -194,6 +194,8 @@ void VideohubBackend::handle(const videohub::Event& event) {
                 routing(block);
             } else if constexpr (std::is_same_v<Block, videohub::Locks>) {
                 locks(block);
+            } else if constexpr (std::is_same_v<Block, videohub::Labels>) {
+                labels(block);
             } else if constexpr (std::is_same_v<Block, videohub::EndPrelude>) {
                 if (device_present_ && !read_) state_read();
             }
@@ -297,6 +299,25 @@ void VideohubBackend::routing(const videohub::Routing& block) {
         if (!in_flight_) continue;
         decide_in(in_flight_->settles[k], true);
         if (in_flight_->kind == InFlight::routing && in_flight_->bank == k) decide_in(in_flight_->asks, false);
+    }
+}
+
+// An input's label names the source on every level; an output's, the
+// destination of its kind. A label the model cannot show (a control
+// character, too long) is left as it was.
+void VideohubBackend::labels(const videohub::Labels& block) {
+    if (!device_present_) return;
+    for (const videohub::Label& label : block.items) {
+        if (block.kind == videohub::LabelKind::input) {
+            if (label.port >= inputs_) continue;
+            for (const Bank& bank : banks_) {
+                if (bank.level >= 0) router_.set_label(bank.level, LabelSide::source, label.port, label.text);
+            }
+            continue;
+        }
+        const Bank& bank = banks_[block.kind == videohub::LabelKind::output ? 0 : 1];
+        if (bank.level < 0 || label.port >= bank.outputs) continue;
+        router_.set_label(bank.level, LabelSide::destination, label.port, label.text);
     }
 }
 

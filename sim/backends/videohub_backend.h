@@ -115,6 +115,7 @@ private:
     void device(const videohub::Device& device);
     void routing(const videohub::Routing& routing);
     void locks(const videohub::Locks& locks);
+    void labels(const videohub::Labels& labels);
     void check_read_complete();
     void state_read();
     void send_next();

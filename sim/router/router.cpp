@@ -199,6 +199,10 @@ void Router::resize_level(int level, int sources, int destinations) {
         total_destinations_ = total_destinations_ - static_cast<std::size_t>(spec.destinations) + size;
         spec.sources = sources;
         spec.destinations = destinations;
+        label_bytes_ -= bytes_of(spec.source_labels) + bytes_of(spec.destination_labels);
+        trim_labels(spec.source_labels, sources);
+        trim_labels(spec.destination_labels, destinations);
+        label_bytes_ += bytes_of(spec.source_labels) + bytes_of(spec.destination_labels);
     }
     tell_observers([](RouterObserver& o) { o.levels_changed(); });
 }

@@ -16,6 +16,17 @@ namespace {
 constexpr std::size_t kPageQueueBase = 512 * 1024;
 // The most one destination's crosspoint and lock take in a frame message.
 constexpr std::size_t kFrameBytesPerDestination = 48;
+
+std::size_t frame_queue_bound(const Router& router) {
+    return kPageQueueBase + 2 * kFrameBytesPerDestination * router.total_destinations();
+}
+
+std::size_t count_ports(const Router& router) {
+    std::size_t ports = 0;
+    for (const LevelSpec& level : router.levels())
+        ports += static_cast<std::size_t>(level.sources) + static_cast<std::size_t>(level.destinations);
+    return ports;
+}
 // Besides its own bytes, written twice at most (a quote or a backslash takes
 // two), the most one port's label takes in a message: quotes and a comma, or "null,".
 constexpr std::size_t kLabelBytesPerPort = 5;
@@ -37,12 +48,11 @@ WebState::WebState(boost::asio::any_io_executor executor, const SimulatorConfig&
       log_(log),
       page_places_(config.web.max_pages, config.web.max_pages_per_address),
       refusals_(log, ""),
-      page_queue_bound_(kPageQueueBase + 2 * kFrameBytesPerDestination * router.total_destinations()),
+      page_queue_bound_(frame_queue_bound(router)),
+      ports_(count_ports(router)),
       crosspoints_(router),
       locks_(router),
       push_timer_(executor_) {
-    for (const LevelSpec& level : router.levels())
-        ports_ += static_cast<std::size_t>(level.sources) + static_cast<std::size_t>(level.destinations);
     router_.subscribe(*this);
     switches_.watch(this);
 }
@@ -91,6 +101,18 @@ void WebState::crosspoint_changed(int level, int source, int destination) {
 
 void WebState::lock_changed(int level, int destination, int state) {
     if (!pages_.empty()) locks_.note(level, destination, state);
+}
+
+// A real router announced other counts: every page starts again from a
+// greeting of the router as it is now; what changes next is pushed as usual.
+void WebState::levels_changed() {
+    crosspoints_ = LatestChanges(router_);
+    locks_ = LatestChanges(router_);
+    relabelled_.clear();
+    ports_ = count_ports(router_);
+    page_queue_bound_ = frame_queue_bound(router_);
+    for (WebSocketSession* page : std::vector<WebSocketSession*>(pages_.begin(), pages_.end()))
+        greet(page->shared_from_this());
 }
 
 void WebState::labels_changed(int level) {

@@ -106,6 +106,7 @@ private:
     void crosspoint_changed(int level, int source, int destination) override;
     void lock_changed(int level, int destination, int state) override;
     void labels_changed(int level) override;
+    void levels_changed() override;
 
     void push_soon();
     void push();

@@ -295,6 +295,27 @@ class Misbehaviour(Gateway):
         self.assertTrue(self.routerd.log_contains("is away: the router broke the protocol"), self.routerd.log())
 
 
+class Labels(Gateway):
+    inputs = 3
+    outputs = 2
+
+    def level(self):
+        status, level = request(self.routerd, "GET", "/api/levels/0")
+        self.assertEqual(status, 200)
+        return level
+
+    def test_the_routers_labels_name_the_sources_and_destinations(self):
+        level = self.level()
+        self.assertEqual(level["source_labels"], ["Input 1", "Input 2", "Input 3"])
+        self.assertEqual(level["destination_labels"], ["Output 1", "Output 2"])
+
+    def test_a_label_changed_at_the_router_is_the_levels(self):
+        self.router.set_label("input", 1, "CAM 2")
+        self.router.set_label("output", 0, "Studio A PGM")
+        self.assertTrue(wait_until(lambda: self.level()["destination_labels"][0] == "Studio A PGM"))
+        self.assertEqual(self.level()["source_labels"], ["Input 1", "CAM 2", "Input 3"])
+
+
 class Resize(Gateway):
     def test_changed_counts_resize_the_level(self):
         client = self.leitch()

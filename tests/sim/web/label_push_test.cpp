@@ -13,6 +13,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include "sim/backends/simulated_backend.h"
 #include "sim/web/web_view.h"
 
 namespace routerd::web {
@@ -90,7 +91,8 @@ protected:
     SimulatorConfig config_ = labelled_router();
     Router router_{config_.levels};
     SessionManager sessions_{io_.get_executor()};
-    SwitchQueue switches_{io_.get_executor(), router_, refusals_, [] {}};
+    SimulatedBackend backend_{router_};
+    SwitchQueue switches_{io_.get_executor(), router_, backend_, refusals_, [] {}};
     WebView view_{io_, config_, router_, switches_, sessions_, log_, nullptr, links_};
     websocket::stream<tcp::socket> page_{io_};
     beast::flat_buffer buffer_;
