@@ -16,19 +16,11 @@ SwitchQueue::SwitchQueue(boost::asio::any_io_executor executor, Router& router, 
     backend_.listen(*this);
 }
 
-Refusal SwitchQueue::take(int client, int level, int source, int destination, Decided then) {
-    return ask({SwitchRequest::take, client, level, destination, source, 0}, std::move(then));
-}
-
-Refusal SwitchQueue::lock(int client, int level, int destination, int state, Decided then) {
-    return ask({SwitchRequest::lock, client, level, destination, state, 0}, std::move(then));
-}
-
-Refusal SwitchQueue::ask(SwitchRequest request, Decided then) {
+Refusal SwitchQueue::ask(SwitchRequest request, Decided* then) {
     if (then) request.ticket = ++tickets_;
     const Refusal refusal = request.kind == SwitchRequest::take ? backend_.take(request) : backend_.lock(request);
     if (refusal == Refusal::pending) {
-        if (then) waiting_for_router_.emplace(request.ticket, std::move(then));
+        if (then) waiting_for_router_.emplace(request.ticket, std::move(*then));
         end_frame_soon();
         return refusal;
     }

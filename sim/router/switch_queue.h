@@ -55,10 +55,20 @@ public:
     SwitchQueue(boost::asio::any_io_executor executor, Router& router, RouterBackend& backend, RefusalLog& refusals,
                 std::function<void()> frame_done);
 
-    // Refusal::pending: the router decides later, and `then` (if any) is
+    // Refusal::pending: the router decides later, and `then` (if given) is
     // called with its decision.
-    Refusal take(int client, int level, int source, int destination, Decided then = nullptr);
-    Refusal lock(int client, int level, int destination, int state, Decided then = nullptr);
+    Refusal take(int client, int level, int source, int destination) {
+        return ask({SwitchRequest::take, client, level, destination, source, 0}, nullptr);
+    }
+    Refusal take(int client, int level, int source, int destination, Decided then) {
+        return ask({SwitchRequest::take, client, level, destination, source, 0}, &then);
+    }
+    Refusal lock(int client, int level, int destination, int state) {
+        return ask({SwitchRequest::lock, client, level, destination, state, 0}, nullptr);
+    }
+    Refusal lock(int client, int level, int destination, int state, Decided then) {
+        return ask({SwitchRequest::lock, client, level, destination, state, 0}, &then);
+    }
 
     void watch(SwitchWatcher* watcher) { watcher_ = watcher; }
 
@@ -79,7 +89,7 @@ public:
     void settle(std::uint64_t frame);
 
 private:
-    Refusal ask(SwitchRequest request, Decided then);
+    Refusal ask(SwitchRequest request, Decided* then);
     void tell(const SwitchRequest& request, Refusal refusal);
     void decided(const SwitchRequest& request, Refusal refusal) override;
     void model_changed() override { end_frame_soon(); }
