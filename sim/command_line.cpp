@@ -143,26 +143,5 @@ void apply_command_line(SimulatorConfig& config, const CommandLine& options) {
     if (!options.backend.empty()) apply_backend(config, options.backend);
 }
 
-void apply_backend(SimulatorConfig& config, const std::string& option) {
-    BackendSettings named;
-    check_option<ConfigError>("--backend", [&] { named = parse_backend(option); });
-    config.backend.protocol = named.protocol;
-    config.backend.host = named.host;
-    config.backend.port = named.port;
-    if (named.protocol == BackendSettings::Protocol::simulated) return;
-    if (config.origin == builtin_config().origin) return use_router_levels(config);
-    for (const int level : {config.backend.video_level, config.backend.monitoring_level}) {
-        if (level < 0) continue;
-        const bool found = std::any_of(config.levels.begin(), config.levels.end(),
-                                       [&](const LevelSpec& spec) { return spec.number == level; });
-        if (!found)
-            throw ConfigError("--backend: " + config.origin + " has no level " + std::to_string(level) +
-                              " for the router's outputs");
-        // Its crosspoints are the router's.
-        config.crosspoints.erase(std::remove_if(config.crosspoints.begin(), config.crosspoints.end(),
-                                                [&](const InitialCrosspoint& c) { return c.level == level; }),
-                                 config.crosspoints.end());
-    }
-}
 
 }  // namespace routerd

@@ -34,9 +34,6 @@ struct CommandLine {
 // and gives the exit code instead.
 std::variant<CommandLine, int> read_command_line(int argc, char** argv);
 
-// --backend over the configuration; throws ConfigError.
-void apply_backend(SimulatorConfig& config, const std::string& option);
-
 // The configuration of this run: the file (or the built-in router) with the
 // options over it, and a record directory ready to write to. Throws
 // ConfigError for the file, and ListenError or SerialError naming the option

@@ -587,6 +587,32 @@ private:
 
 SimulatorConfig builtin_config() { return builtin(); }
 
+void apply_backend(SimulatorConfig& config, const std::string& option) {
+    BackendSettings named;
+    try {
+        named = parse_backend(option);
+    } catch (const std::invalid_argument& e) {
+        throw ConfigError(std::string("--backend: ") + e.what());
+    }
+    config.backend.protocol = named.protocol;
+    config.backend.host = named.host;
+    config.backend.port = named.port;
+    if (named.protocol == BackendSettings::Protocol::simulated) return;
+    if (config.origin == builtin_config().origin) return use_router_levels(config);
+    for (const int level : {config.backend.video_level, config.backend.monitoring_level}) {
+        if (level < 0) continue;
+        const bool found = std::any_of(config.levels.begin(), config.levels.end(),
+                                       [&](const LevelSpec& spec) { return spec.number == level; });
+        if (!found)
+            throw ConfigError("--backend: " + config.origin + " has no level " + std::to_string(level) +
+                              " for the router's outputs");
+        // Its crosspoints are the router's.
+        config.crosspoints.erase(std::remove_if(config.crosspoints.begin(), config.crosspoints.end(),
+                                                [&](const InitialCrosspoint& c) { return c.level == level; }),
+                                 config.crosspoints.end());
+    }
+}
+
 void use_router_levels(SimulatorConfig& config) {
     config.levels = {{config.backend.video_level, "video", 0, 0}};
     if (config.backend.monitoring_level >= 0)

@@ -72,6 +72,10 @@ struct SimulatorConfig {
 // outputs as level 0, sized by the router.
 void use_router_levels(SimulatorConfig& config);
 
+// --backend over the configuration: "simulated" or videohub:HOST:PORT; throws
+// ConfigError naming the option.
+void apply_backend(SimulatorConfig& config, const std::string& option);
+
 // Two levels, 0 "video" and 1 "audio", of 32 sources by 32 destinations, seen
 // by clients as Leitch levels 0 and 1 of device 1.
 SimulatorConfig builtin_config();
