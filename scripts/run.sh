@@ -9,7 +9,8 @@
 # it is kept in build/default/leitch-routerd-state.db unless the arguments
 # name another file (--state FILE), ask for none (--no-state, taken by this
 # script), or name a configuration file, whose [state] section decides (its
-# router may not be the built-in one the default file was made for).
+# router may not be the built-in one the default file was made for), or a real
+# router (--backend).
 #
 # Then, from another terminal:  telnet 127.0.0.1 2323   and type  @ ?  then  @ X:0/5,3
 set -euo pipefail
@@ -20,7 +21,7 @@ args=()
 for arg in "$@"; do
   case $arg in
     --no-state) default_state=""; continue ;;
-    -s | -s?* | --state | --state=* | -c | -c?* | --config | --config=*) default_state="" ;;
+    -s | -s?* | --state | --state=* | -c | -c?* | --config | --config=* | --backend | --backend=*) default_state="" ;;
   esac
   args+=("$arg")
 done

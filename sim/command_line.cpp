@@ -1,6 +1,5 @@
 #include "sim/command_line.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 
