@@ -395,7 +395,7 @@
     for (const link of state.links) {
       const row = body.insertRow();
       row.dataset.link = link.where;
-      const upText = {serial: 'open', state: 'saved'}[link.kind] || 'listening';
+      const upText = {serial: 'open', state: 'saved', router: 'connected'}[link.kind] || 'listening';
       const status = link.up ? upText : (link.problem || 'closed') + ', retrying';
       for (const text of [link.kind, link.where, link.settings || '-', status]) row.insertCell().textContent = text;
       if (!link.up) row.cells[3].className = 'down';
