@@ -144,6 +144,7 @@ void VideohubBackend::resolve_and_connect() {
 void VideohubBackend::on_connected(const boost::system::error_code& ec) {
     if (ec) return drop("cannot connect: " + ec.message());
     connected_ = true;
+    connected_at_ = std::chrono::steady_clock::now();
     socket_.set_option(tcp::no_delay(true));
     reader_ = videohub::Reader();
     device_present_ = false;
@@ -354,9 +355,11 @@ void VideohubBackend::state_read() {
     read_ = true;
     status_ = {true, ""};
     backoff_ = settings_.reconnect_first;
-    const auto away_for = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - down_since_);
+    const auto now = std::chrono::steady_clock::now();
+    const auto away_for = std::chrono::duration_cast<std::chrono::milliseconds>(now - down_since_);
+    const auto reading = std::chrono::duration_cast<std::chrono::milliseconds>(now - connected_at_);
     log_.info("router " + settings_.address() + (was_up_ ? " is back after " + seconds(away_for) : " answered") + ": " +
-              device_);
+              device_ + "; its state read in " + std::to_string(reading.count()) + " ms");
     was_up_ = true;
     // Our locks are asserted again: a router may forget them with the connection.
     for (Bank& bank : banks_) {

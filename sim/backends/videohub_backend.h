@@ -149,6 +149,7 @@ private:
     std::uint64_t failures_ = 0;
     std::chrono::milliseconds backoff_{};
     std::chrono::steady_clock::time_point down_since_{};
+    std::chrono::steady_clock::time_point connected_at_{};
     std::array<char, 65536> buffer_{};
     videohub::Reader reader_;
     std::string out_;
