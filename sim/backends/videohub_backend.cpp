@@ -62,9 +62,10 @@ void VideohubBackend::restore_locks(int level, std::vector<int> locks) {
 
 // ---- Changes asked for
 
+// Levels the router does not serve stay simulated: applied at once.
 Refusal VideohubBackend::take(const SwitchRequest& request) {
     Bank* bank = bank_of_level(request.level);
-    if (!bank) return Refusal::unknown_level;
+    if (!bank) return router_.take(request.level, request.value, request.destination);
     if (!read_) return Refusal::router_away;
     const Refusal refusal = router_.check_take(request.level, request.value, request.destination);
     if (refusal == Refusal::destination_locked &&
@@ -86,7 +87,7 @@ Refusal VideohubBackend::take(const SwitchRequest& request) {
 
 Refusal VideohubBackend::lock(const SwitchRequest& request) {
     Bank* bank = bank_of_level(request.level);
-    if (!bank) return Refusal::unknown_level;
+    if (!bank) return router_.lock(request.level, request.destination, request.value);
     if (!read_) return Refusal::router_away;
     if (request.destination < 0 || request.destination >= bank->outputs) return Refusal::destination_out_of_range;
     const auto output = static_cast<std::size_t>(request.destination);

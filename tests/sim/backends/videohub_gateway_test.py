@@ -205,6 +205,24 @@ class Locks(Gateway):
         self.router.set_lock(4, None)
         self.assertTrue(wait_until(lambda: request(self.routerd, "GET", "/api/levels/0")[1]["locks"][4] == 0))
 
+    def test_the_api_cannot_lock_what_another_controller_holds(self):
+        self.router.set_lock(2, PANEL)
+        self.assertTrue(wait_until(lambda: request(self.routerd, "GET", "/api/levels/0")[1]["locks"][2] == 1))
+        status, body = request(self.routerd, "POST", "/api/levels/0/lock", {"destination": 2, "locked": False})
+        self.assertEqual((status, body["error"]), (409, "locked at the router by another controller"))
+        self.assertEqual(self.router.locks(), {2: PANEL})
+
+    def test_our_locks_are_taken_again_after_the_router_restarts(self):
+        client = self.leitch()
+        client.send("@ W:0/6,1,1\r")
+        self.assertTrue(wait_until(lambda: list(self.router.locks()) == [6]))
+        self.router.restart()  # it forgets the locks of the connections it closed
+        self.assertTrue(self.routerd.log_contains("is back after"))
+        self.assertTrue(wait_until(lambda: list(self.router.locks()) == [6]))
+        direct = self.direct()
+        direct.send(b"VIDEO OUTPUT ROUTING:\n6 1\n\n")
+        self.assertIsNotNone(direct.read_until(b"NAK\n\n"))
+
 
 class Outages(Gateway):
     def test_a_restarted_router_is_read_again_and_only_what_changed_is_reported(self):
@@ -293,6 +311,32 @@ class Misbehaviour(Gateway):
     def test_counts_past_what_the_gateway_serves(self):
         self.router.absurd_counts(70000)
         self.assertTrue(self.routerd.log_contains("is away: the router broke the protocol"), self.routerd.log())
+
+
+class MonitoringOutputs(Gateway):
+    router_options = {"monitoring_outputs": 4}
+    routerd_args = ("--config", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "configs",
+                                              "videohub_monitoring.toml"))
+
+    def test_the_monitoring_outputs_are_a_second_level(self):
+        status, level = request(self.routerd, "GET", "/api/levels/1")
+        self.assertEqual((status, level["sources"], level["destinations"]), (200, 12, 4))
+        client = self.leitch()
+        client.send("@ X:1/2,7\r")
+        self.assertIsNotNone(client.read_until("S:12,7"))
+        self.assertEqual(self.router.routes(monitoring=True)[2], 7)
+        self.assertIn(b"VIDEO MONITORING OUTPUT ROUTING:\n2 7\n\n", [raw for _, raw in self.router.requests()])
+        self.assertEqual(self.router.routes()[2], 2)
+
+    def test_a_level_the_router_does_not_serve_stays_simulated(self):
+        status, body = request(self.routerd, "POST", "/api/levels/2/take", {"destination": 3, "source": 6})
+        self.assertEqual((status, body), (200, {"applied": 1}))
+        self.router.stop()
+        self.assertTrue(self.routerd.log_contains("is away"))
+        status, body = request(self.routerd, "POST", "/api/levels/2/take", {"destination": 4, "source": 7})
+        self.assertEqual((status, body), (200, {"applied": 1}))
+        self.assertEqual(request(self.routerd, "GET", "/api/levels/2")[1]["crosspoints"][3:5], [6, 7])
+        self.assertEqual([raw for _, raw in self.router.requests() if b"ROUTING" in raw], [])
 
 
 class Labels(Gateway):
