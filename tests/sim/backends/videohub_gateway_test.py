@@ -308,9 +308,18 @@ class Misbehaviour(Gateway):
         client.send("@ X?01\r")
         self.assertIsNotNone(client.read_until("S:01,1"))
 
-    def test_counts_past_what_the_gateway_serves(self):
+    def test_counts_past_what_the_protocol_reader_takes(self):
         self.router.absurd_counts(70000)
         self.assertTrue(self.routerd.log_contains("is away: the router broke the protocol"), self.routerd.log())
+
+    def test_counts_past_what_the_gateway_serves_with_its_limits(self):
+        client = self.leitch()
+        self.router.absurd_counts(5000)
+        self.assertTrue(self.routerd.log_contains(
+            "is away: the router announces 5000 inputs and 5000 outputs, more than the 2150 this gateway serves "
+            "with its limits"), self.routerd.log())
+        client.send("@ X?01\r")
+        self.assertIsNotNone(client.read_until("S:01,1"))
 
 
 class MonitoringOutputs(Gateway):
