@@ -1,42 +1,14 @@
 // [backend] in the configuration file and --backend on the command line: a
 // real router named, and errors that name the file, the line and the key.
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <cstdio>
-#include <fstream>
 #include <string>
 
-#include "sim/command_line.h"
-#include "sim/config.h"
+#include "tests/sim/config_file_test.h"
 
 namespace routerd {
 namespace {
 
-class BackendConfig : public ::testing::Test {
-protected:
-    void TearDown() override { std::remove(path_.c_str()); }
-
-    SimulatorConfig load(const std::string& text) {
-        std::ofstream(path_) << text;
-        return load_config(path_);
-    }
-
-    std::string error_of(const std::string& text) {
-        try {
-            load(text);
-        } catch (const ConfigError& e) {
-            std::string message = e.what();
-            if (message.rfind(path_, 0) == 0) message = "FILE" + message.substr(path_.size());
-            return message;
-        }
-        return "no error";
-    }
-
-    std::string path_ = ::testing::TempDir() + "backend_config_" + std::to_string(::getpid()) + ".toml";
-};
+using BackendConfig = ConfigFileTest;
 
 TEST_F(BackendConfig, WithoutABackendTheRouterIsSimulated) {
     EXPECT_EQ(load("").backend.protocol, BackendSettings::Protocol::simulated);

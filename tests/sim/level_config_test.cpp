@@ -1,43 +1,18 @@
 // The labels of [[level]] in the configuration file: what is read, and
 // errors that name the file, the line and the key.
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <cstdio>
-#include <fstream>
 #include <string>
 #include <vector>
 
-#include "sim/config.h"
+#include "tests/sim/config_file_test.h"
 
 namespace routerd {
 namespace {
 
 using Labels = std::vector<std::string>;
 
-class LevelLabelsConfig : public ::testing::Test {
+class LevelLabelsConfig : public ConfigFileTest {
 protected:
-    void TearDown() override { std::remove(path_.c_str()); }
-
-    SimulatorConfig load(const std::string& text) {
-        std::ofstream(path_) << text;
-        return load_config(path_);
-    }
-
-    // The error's text with the file's name replaced by "FILE".
-    std::string error_of(const std::string& text) {
-        try {
-            load(text);
-        } catch (const ConfigError& e) {
-            std::string message = e.what();
-            if (message.rfind(path_, 0) == 0) message = "FILE" + message.substr(path_.size());
-            return message;
-        }
-        return "no error";
-    }
-
     // A level of four sources and three destinations, with `more` after its sizes.
     static std::string level(const std::string& more) {
         return "[[level]]\n"
@@ -46,8 +21,6 @@ protected:
                "destinations = 3\n" +
                more;
     }
-
-    std::string path_ = ::testing::TempDir() + "level_config_" + std::to_string(::getpid()) + ".toml";
 };
 
 TEST_F(LevelLabelsConfig, EachLevelHasTheLabelsItLists) {

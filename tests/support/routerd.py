@@ -268,6 +268,27 @@ class TcpLink(Link):
         self.sock.close()
 
 
+def receive_until(sock, received, wanted, timeout):
+    """(everything up to and including `wanted`, what came after it), reading
+    `sock` after the bytes `received` already; (None, all received) when
+    `wanted` has not come within `timeout` seconds or the peer closed."""
+    deadline = time.monotonic() + timeout
+    while wanted not in received:
+        left = deadline - time.monotonic()
+        if left <= 0:
+            return None, received
+        sock.settimeout(left)
+        try:
+            chunk = sock.recv(65536)
+        except socket.timeout:
+            return None, received
+        if not chunk:
+            return None, received
+        received += chunk
+    end = received.index(wanted) + len(wanted)
+    return received[:end], received[end:]
+
+
 class LeitchClient:
     """A Leitch client over TCP, from the loopback address `source` if given."""
 
@@ -281,23 +302,8 @@ class LeitchClient:
 
     def read_until(self, text, timeout=5.0):
         """Everything up to and including `text`; None on timeout."""
-        wanted = text.encode()
-        deadline = time.monotonic() + timeout
-        while wanted not in self.received:
-            left = deadline - time.monotonic()
-            if left <= 0:
-                return None
-            self.sock.settimeout(left)
-            try:
-                chunk = self.sock.recv(65536)
-            except socket.timeout:
-                return None
-            if not chunk:
-                return None
-            self.received += chunk
-        end = self.received.index(wanted) + len(wanted)
-        found, self.received = self.received[:end], self.received[end:]
-        return found.decode()
+        found, self.received = receive_until(self.sock, self.received, text.encode(), timeout)
+        return None if found is None else found.decode()
 
     def report_mode(self):
         self.send("@ ?\r")

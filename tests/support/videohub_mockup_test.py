@@ -88,7 +88,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from videohub_mockup import VideohubMockup, unavailable  # noqa: E402
+from videohub_mockup import VideohubMockup, run_tests_unless_unavailable  # noqa: E402
 
 TIMEOUT = 2.0
 ACK = b"ACK\n\n"
@@ -559,16 +559,5 @@ class LifetimeTest(MockupTest):
         client.close()
 
 
-def main():
-    reason = unavailable()
-    if reason:
-        if os.environ.get("LEITCH_REQUIRE_MOCKUP", "") not in ("", "0"):
-            print("LEITCH_REQUIRE_MOCKUP is set, but " + reason, file=sys.stderr)
-            return 1
-        print("skipped: " + reason)
-        return 77
-    return 0 if unittest.main(exit=False).result.wasSuccessful() else 1
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(run_tests_unless_unavailable())

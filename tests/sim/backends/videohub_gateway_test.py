@@ -10,7 +10,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
 
-from routerd import LeitchClient, Routerd, request  # noqa: E402
+from routerd import LeitchClient, Routerd, receive_until, request  # noqa: E402
 from videohub_router import PANEL, VideohubRouter  # noqa: E402
 
 
@@ -25,21 +25,7 @@ class DirectClient:
         self.sock.sendall(data)
 
     def read_until(self, wanted, timeout=5.0):
-        deadline = time.monotonic() + timeout
-        while wanted not in self.received:
-            left = deadline - time.monotonic()
-            if left <= 0:
-                return None
-            self.sock.settimeout(left)
-            try:
-                chunk = self.sock.recv(65536)
-            except socket.timeout:
-                return None
-            if not chunk:
-                return None
-            self.received += chunk
-        end = self.received.index(wanted) + len(wanted)
-        found, self.received = self.received[:end], self.received[end:]
+        found, self.received = receive_until(self.sock, self.received, wanted, timeout)
         return found
 
     def close(self):

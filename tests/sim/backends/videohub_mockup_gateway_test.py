@@ -24,7 +24,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 from routerd import LeitchClient, Routerd, request  # noqa: E402
 from videohub_gateway_test import DirectClient  # noqa: E402
-from videohub_mockup import VideohubMockup, unavailable  # noqa: E402
+from videohub_mockup import VideohubMockup, run_tests_unless_unavailable  # noqa: E402
 
 
 class AgainstTheMockup(unittest.TestCase):
@@ -82,17 +82,5 @@ class AgainstTheMockup(unittest.TestCase):
         self.assertEqual([level["crosspoints"][d] for d in (1, 2, 6, 8)], [2, 3, 7, 9])
 
 
-def main():
-    reason = unavailable()
-    if reason:
-        if os.environ.get("LEITCH_REQUIRE_MOCKUP", "") not in ("", "0"):
-            print("LEITCH_REQUIRE_MOCKUP is set, but " + reason, file=sys.stderr)
-            return 1
-        print("skipped: " + reason, file=sys.stderr)
-        return 77
-    program = unittest.main(exit=False)
-    return 0 if program.result.wasSuccessful() else 1
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(run_tests_unless_unavailable())
