@@ -3,8 +3,10 @@ tests/support), end to end over real sockets: Leitch clients, the HTTP API and
 a direct client of the router all see one router."""
 
 import os
+import shutil
 import socket
 import sys
+import tempfile
 import time
 import unittest
 
@@ -332,6 +334,55 @@ class MonitoringOutputs(Gateway):
         self.assertEqual((status, body), (200, {"applied": 1}))
         self.assertEqual(request(self.routerd, "GET", "/api/levels/2")[1]["crosspoints"][3:5], [6, 7])
         self.assertEqual([raw for _, raw in self.router.requests() if b"ROUTING" in raw], [])
+
+
+class StateFile(Gateway):
+    """With --state: the saved routings and the Leitch locks are kept; the
+    crosspoints are the router's."""
+
+    def setUp(self):
+        self.directory = tempfile.mkdtemp(prefix="routerd-gateway-state-")
+        self.routerd_args = ("--state", os.path.join(self.directory, "state.db"))
+        super().setUp()
+
+    def tearDown(self):
+        super().tearDown()
+        shutil.rmtree(self.directory)
+
+    def restart_gateway(self):
+        self.routerd.close()
+        self.routerd = Routerd("--backend", "videohub:127.0.0.1:%d" % self.port, "--verbose", *self.routerd_args,
+                               announced=3)
+
+    def test_a_leitch_lock_comes_back_and_is_taken_at_the_router_again(self):
+        client = self.leitch()
+        client.send("@ W:0/9,1,1\r")
+        self.assertTrue(wait_until(lambda: list(self.router.locks()) == [9]))
+        client.close()
+        self.clients.remove(client)
+        self.restart_gateway()  # the router forgets the lock with the connection
+        self.assertTrue(self.routerd.log_contains("Leitch locks restored from"))
+        self.assertTrue(wait_until(lambda: list(self.router.locks()) == [9]))
+        self.assertEqual(request(self.routerd, "GET", "/api/levels/0")[1]["locks"][9], 1)
+
+    def test_the_crosspoints_after_a_restart_are_the_routers(self):
+        self.leitch().send("@ X:0/3,8\r")
+        self.assertTrue(wait_until(lambda: self.router.routes()[3] == 8))
+        self.routerd.close()
+        self.router.set_route(3, 1)
+        self.restart_gateway()
+        self.assertEqual(self.crosspoints()[3], 1)
+
+    def test_a_saved_routing_recalled_is_one_routing_block(self):
+        self.assertEqual(request(self.routerd, "POST", "/api/salvos", {"name": "morning"})[0], 200)
+        for output in range(12):
+            self.router.set_route(output, 11 - output)
+        self.assertTrue(wait_until(lambda: self.crosspoints() == list(range(11, -1, -1))))
+        status, body = request(self.routerd, "POST", "/api/salvos/morning/recall")
+        self.assertEqual((status, body), (200, {"name": "morning", "applied": 12, "refused": []}))
+        self.assertEqual(self.router.routes(), list(range(12)))
+        self.assertEqual(self.routing_requests(),
+                         [b"VIDEO OUTPUT ROUTING:\n" + b"".join(b"%d %d\n" % (n, n) for n in range(12)) + b"\n"])
 
 
 class Labels(Gateway):
