@@ -74,7 +74,13 @@ class Gateway(unittest.TestCase):
     def direct(self):
         client = DirectClient(self.port)
         self.clients.append(client)
-        self.assertIsNotNone(client.read_until(b"END PRELUDE:\n\n"))
+        # The dump's last block: END PRELUDE, or else the later of routing and locks.
+        if self.router.prelude_end:
+            self.assertIsNotNone(client.read_until(b"END PRELUDE:\n\n"))
+            return client
+        last = b"VIDEO OUTPUT ROUTING:\n" if self.router.locks_first else b"VIDEO OUTPUT LOCKS:\n"
+        self.assertIsNotNone(client.read_until(last))
+        self.assertIsNotNone(client.read_until(b"\n\n"))
         return client
 
     def routing_requests(self):
@@ -169,6 +175,12 @@ class Takes(Gateway):
         self.assertEqual(self.routing_requests(), [])
 
 
+class TakesWithAnOlderRouter(Takes):
+    """A dump without END PRELUDE (firmware before 2.7), its locks before its routing."""
+
+    router_options = {"prelude_end": False, "locks_first": True}
+
+
 class Locks(Gateway):
     def test_a_leitch_lock_is_owned_at_the_router_and_blocks_another_controller(self):
         client = self.leitch()
@@ -252,6 +264,10 @@ class Outages(Gateway):
 
     routerd_args = ("--config", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "configs",
                                               "videohub_quick.toml"))
+
+    def test_an_idle_link_is_kept_alive_with_ping(self):
+        time.sleep(1.6)
+        self.assertEqual([raw for _, raw in self.router.requests()], [b"PING:\n\n"])
 
     def test_a_device_not_present_is_the_router_away(self):
         client = self.leitch()
