@@ -45,7 +45,7 @@ std::string label_problem(std::string_view text) {
         if (code < least[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return not_utf8();
         // Line and paragraph separators break a line as a new line does.
         if (code < 0x20 || (code >= 0x7F && code <= 0x9F) || code == 0x2028 || code == 0x2029) {
-            char name[8];
+            char name[16];  // "U+" and up to eight hex digits as the compiler counts them
             std::snprintf(name, sizeof name, "U+%04X", static_cast<unsigned>(code));
             return "must hold no control characters or line breaks (" + std::string(name) + " at byte " +
                    std::to_string(i) + ")";
