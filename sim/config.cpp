@@ -30,6 +30,11 @@ constexpr std::size_t kMaxLevels = 256;
 // listener, event loop, the plug-in, clients being refused.
 constexpr std::size_t kReservedDescriptors = 32;
 
+bool has_level(const SimulatorConfig& config, int number) {
+    return std::any_of(config.levels.begin(), config.levels.end(),
+                       [&](const LevelSpec& level) { return level.number == number; });
+}
+
 SimulatorConfig builtin() {
     SimulatorConfig config;
     config.converter = {
@@ -412,9 +417,7 @@ public:
     void check_router_levels(const toml::node& node, const SimulatorConfig& config) const {
         for (const int level : {config.backend.video_level, config.backend.monitoring_level}) {
             if (level < 0) continue;
-            const bool found = std::any_of(config.levels.begin(), config.levels.end(),
-                                           [&](const LevelSpec& spec) { return spec.number == level; });
-            if (!found)
+            if (!has_level(config, level))
                 fail(node.source(), "level", "no [[level]] numbered " + std::to_string(level) +
                                                  ", which the router's " + (level == config.backend.video_level ? "video" : "monitoring") +
                                                  " outputs are (backend." +
@@ -601,9 +604,7 @@ void apply_backend(SimulatorConfig& config, const std::string& option) {
     if (config.origin == builtin_config().origin) return use_router_levels(config);
     for (const int level : {config.backend.video_level, config.backend.monitoring_level}) {
         if (level < 0) continue;
-        const bool found = std::any_of(config.levels.begin(), config.levels.end(),
-                                       [&](const LevelSpec& spec) { return spec.number == level; });
-        if (!found)
+        if (!has_level(config, level))
             throw ConfigError("--backend: " + config.origin + " has no level " + std::to_string(level) +
                               " for the router's outputs");
         // Its crosspoints are the router's.

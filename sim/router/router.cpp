@@ -194,15 +194,15 @@ void Router::resize_level(int level, int sources, int destinations) {
         if (source >= sources) source = 0;
     }
     for (std::size_t d = old_size; d < size; ++d) note_change(level, *state, static_cast<int>(d), crosspoint_changed);
-    for (LevelSpec& spec : specs_) {
-        if (spec.number != level) continue;
-        total_destinations_ = total_destinations_ - static_cast<std::size_t>(spec.destinations) + size;
-        spec.sources = sources;
-        spec.destinations = destinations;
-        label_bytes_ -= bytes_of(spec.source_labels) + bytes_of(spec.destination_labels);
-        trim_labels(spec.source_labels, sources);
-        trim_labels(spec.destination_labels, destinations);
-        label_bytes_ += bytes_of(spec.source_labels) + bytes_of(spec.destination_labels);
+    for (LevelSpec& levelSpec : specs_) {
+        if (levelSpec.number != level) continue;
+        total_destinations_ = total_destinations_ - static_cast<std::size_t>(levelSpec.destinations) + size;
+        levelSpec.sources = sources;
+        levelSpec.destinations = destinations;
+        label_bytes_ -= bytes_of(levelSpec.source_labels) + bytes_of(levelSpec.destination_labels);
+        trim_labels(levelSpec.source_labels, sources);
+        trim_labels(levelSpec.destination_labels, destinations);
+        label_bytes_ += bytes_of(levelSpec.source_labels) + bytes_of(levelSpec.destination_labels);
     }
     tell_observers([](RouterObserver& o) { o.levels_changed(); });
 }
