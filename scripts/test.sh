@@ -68,50 +68,43 @@ begin "fuzz build"
 cmake --preset fuzz -DLEITCH_WARNINGS_AS_ERRORS=ON
 cmake --build --preset fuzz -j "$jobs"
 
-# New inputs go to the working corpus; the transcript seeds and the saved
-# regressions are read only. A finding stops the run and is written to
-# build/fuzz/artifacts/: add it to fuzz/regressions/ together with the fix.
+# Runs one fuzz target on $jobs processes for a time:
+#   fuzz WHAT TARGET SECONDS CORPUS ARTIFACTS MAX_LEN [FLAG | READ-ONLY CORPUS]...
+# New inputs go to CORPUS; the other corpora are read only. A finding stops
+# the run and is written to ARTIFACTS.
+fuzz() {
+  local what=$1 target=$2 seconds=$3 corpus=$4 artifacts=$5 max_len=$6
+  shift 6
+  mkdir -p "$corpus" "$artifacts"
+  if ! "build/fuzz/fuzz/$target" -fork="$jobs" -max_total_time="$seconds" \
+      -ignore_crashes=0 -ignore_timeouts=0 -ignore_ooms=0 \
+      -max_len="$max_len" -timeout=20 -rss_limit_mb=2048 \
+      -artifact_prefix="$artifacts/" -print_final_stats=1 "$corpus" "$@"; then
+    echo "$what found a problem; inputs in $artifacts/:" >&2
+    ls -l "$artifacts/" >&2
+    exit 1
+  fi
+}
+
+# The plug-in: the transcript seeds and the saved regressions are read only;
+# add a finding to fuzz/regressions/ together with the fix.
 seconds=${LEITCH_FUZZ_SECONDS:-120}
-mkdir -p build/fuzz/corpus build/fuzz/artifacts
 begin "fuzzing for ${seconds}s on $jobs processes"
-if ! build/fuzz/fuzz/leitch_fuzz -fork="$jobs" -max_total_time="$seconds" \
-    -ignore_crashes=0 -ignore_timeouts=0 -ignore_ooms=0 \
-    -max_len=4096 -timeout=20 -rss_limit_mb=2048 -dict=fuzz/leitch.dict \
-    -artifact_prefix=build/fuzz/artifacts/ -print_final_stats=1 \
-    build/fuzz/corpus build/fuzz/fuzz/seeds fuzz/hostile fuzz/regressions; then
-  echo "fuzzing found a problem; inputs in build/fuzz/artifacts/:" >&2
-  ls -l build/fuzz/artifacts/ >&2
-  exit 1
-fi
+fuzz "fuzzing" leitch_fuzz "$seconds" build/fuzz/corpus build/fuzz/artifacts 4096 -dict=fuzz/leitch.dict \
+  build/fuzz/fuzz/seeds fuzz/hostile fuzz/regressions
 
 # The transcript parser, which leitch-replay runs on whatever file it is
 # given, beside the plug-in: its seeds are the transcripts themselves.
 parser_seconds=${LEITCH_PARSER_FUZZ_SECONDS:-30}
-mkdir -p build/fuzz/transcript-corpus build/fuzz/transcript-artifacts
 begin "fuzzing the transcript parser for ${parser_seconds}s"
-if ! build/fuzz/fuzz/transcript_fuzz -fork="$jobs" -max_total_time="$parser_seconds" \
-    -ignore_crashes=0 -ignore_timeouts=0 -ignore_ooms=0 \
-    -max_len=4096 -timeout=20 -rss_limit_mb=2048 \
-    -artifact_prefix=build/fuzz/transcript-artifacts/ -print_final_stats=1 \
-    build/fuzz/transcript-corpus tests/transcripts fuzz/transcript_hostile; then
-  echo "fuzzing the transcript parser found a problem; inputs in build/fuzz/transcript-artifacts/:" >&2
-  ls -l build/fuzz/transcript-artifacts/ >&2
-  exit 1
-fi
+fuzz "fuzzing the transcript parser" transcript_fuzz "$parser_seconds" build/fuzz/transcript-corpus \
+  build/fuzz/transcript-artifacts 4096 tests/transcripts fuzz/transcript_hostile
 
 # The Videohub codec's reader, on what a router might send.
 videohub_seconds=${LEITCH_VIDEOHUB_FUZZ_SECONDS:-30}
-mkdir -p build/fuzz/videohub-corpus build/fuzz/videohub-artifacts
 begin "fuzzing the Videohub codec for ${videohub_seconds}s"
-if ! build/fuzz/fuzz/videohub_fuzz -fork="$jobs" -max_total_time="$videohub_seconds" \
-    -ignore_crashes=0 -ignore_timeouts=0 -ignore_ooms=0 \
-    -max_len=65536 -timeout=20 -rss_limit_mb=2048 \
-    -artifact_prefix=build/fuzz/videohub-artifacts/ -print_final_stats=1 \
-    build/fuzz/videohub-corpus fuzz/videohub_seeds; then
-  echo "fuzzing the Videohub codec found a problem; inputs in build/fuzz/videohub-artifacts/:" >&2
-  ls -l build/fuzz/videohub-artifacts/ >&2
-  exit 1
-fi
+fuzz "fuzzing the Videohub codec" videohub_fuzz "$videohub_seconds" build/fuzz/videohub-corpus \
+  build/fuzz/videohub-artifacts 65536 fuzz/videohub_seeds
 
 # The tests ran above; the package build does not run them again.
 begin "Debian packages and lintian"
