@@ -82,13 +82,13 @@ LEITCH_REQUIRE_MOCKUP is set: then that fails.
 
 import os
 import socket
-import struct
 import sys
 import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from videohub_mockup import VideohubMockup, run_tests_unless_unavailable  # noqa: E402
+from videohub_client import VideohubClient  # noqa: E402
 
 TIMEOUT = 2.0
 ACK = b"ACK\n\n"
@@ -120,53 +120,8 @@ def dump(io):
             b"VIDEO OUTPUT LOCKS:\n" + b"".join(b"%d U\n" % n for n in ports) + b"\n")
 
 
-class Client:
-    """A client connection that reads exact byte counts or up to a marker."""
-
-    def __init__(self, port, host="127.0.0.1"):
-        self.sock = socket.create_connection((host, port), timeout=TIMEOUT)
-        self.pending = b""
-
-    def send(self, data):
-        self.sock.sendall(data)
-
-    def _receive(self):
-        data = self.sock.recv(1 << 20)
-        if not data:
-            raise EOFError("the mockup closed the connection; had %r" % self.pending[-200:])
-        self.pending += data
-
-    def read(self, count):
-        while len(self.pending) < count:
-            self._receive()
-        data, self.pending = self.pending[:count], self.pending[count:]
-        return data
-
-    def read_until(self, marker):
-        while marker not in self.pending:
-            self._receive()
-        end = self.pending.index(marker) + len(marker)
-        data, self.pending = self.pending[:end], self.pending[end:]
-        return data
-
-    def is_closed_by_peer(self):
-        """True once the mockup closes (data still in flight is dropped); False on a timeout."""
-        try:
-            while self.sock.recv(1 << 20):
-                pass
-            return True
-        except ConnectionResetError:
-            return True
-        except socket.timeout:
-            return False
-
-    def reset(self):
-        """Close with a TCP reset rather than a FIN."""
-        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        self.sock.close()
-
-    def close(self):
-        self.sock.close()
+def Client(port):
+    return VideohubClient(port, timeout=TIMEOUT)
 
 
 class MockupTest(unittest.TestCase):

@@ -8,13 +8,13 @@ owed to that connection would have come first."""
 
 import os
 import signal
-import socket
 import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from videohub_router import MAX_BLOCK, MAX_LINE, PANEL, VideohubRouter  # noqa: E402
+from videohub_client import VideohubClient  # noqa: E402
 
 FIXTURE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "videohub_router.py")
 TIMEOUT = 2.0
@@ -35,51 +35,8 @@ PING = b"PING:\n\n"
 DEVICE_GONE = b"VIDEOHUB DEVICE:\nDevice present: false\n\n"
 
 
-class Client:
-    """A client connection that reads exact byte counts or up to a marker."""
-
-    def __init__(self, port):
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout=TIMEOUT)
-        self.pending = b""
-
-    def send(self, data):
-        self.sock.sendall(data)
-
-    def _receive(self):
-        data = self.sock.recv(1 << 20)
-        if not data:
-            raise EOFError("the fixture closed the connection; had %r" % self.pending[-200:])
-        self.pending += data
-
-    def read(self, count):
-        while len(self.pending) < count:
-            self._receive()
-        data, self.pending = self.pending[:count], self.pending[count:]
-        return data
-
-    def read_until(self, marker):
-        while marker not in self.pending:
-            self._receive()
-        end = self.pending.index(marker) + len(marker)
-        data, self.pending = self.pending[:end], self.pending[end:]
-        return data
-
-    def read_dump(self):
-        return self.read_until(b"END PRELUDE:\n\n")
-
-    def is_closed_by_peer(self):
-        """True once the fixture closes (data still in flight is dropped); False on a timeout."""
-        try:
-            while self.sock.recv(1 << 20):
-                pass
-            return True
-        except ConnectionResetError:
-            return True
-        except socket.timeout:
-            return False
-
-    def close(self):
-        self.sock.close()
+def Client(port):
+    return VideohubClient(port, timeout=TIMEOUT)
 
 
 class FixtureTest(unittest.TestCase):
