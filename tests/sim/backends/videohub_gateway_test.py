@@ -280,6 +280,12 @@ class Outages(Gateway):
         client.send("@ X:0/1,2\r")
         self.assertIsNotNone(client.read_until("S:01,2"))
 
+    def test_a_device_that_needs_an_update_is_the_router_away(self):
+        self.router.device_present("needs_update")
+        self.assertTrue(self.routerd.log_contains("is away: the router's device needs a software update"))
+        status, body = request(self.routerd, "POST", "/api/levels/0/take", {"destination": 1, "source": 2})
+        self.assertEqual((status, body["error"]), (503, "the router is not connected"))
+
 
 class Misbehaviour(Gateway):
     """Each closes the link with a log line; the Leitch sessions survive and
