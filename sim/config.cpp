@@ -11,12 +11,14 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 
 #include <toml++/toml.h>
 
+#include "sim/backends/swp08_codec.h"
 #include "sim/links/address_shares.h"
 #include "sim/links/endpoint.h"
 
@@ -33,6 +35,24 @@ constexpr std::size_t kReservedDescriptors = 32;
 bool has_level(const SimulatorConfig& config, int number) {
     return std::any_of(config.levels.begin(), config.levels.end(),
                        [&](const LevelSpec& level) { return level.number == number; });
+}
+
+// Every level is somewhere on an SW-P-08 router, and no two at the same place.
+void check_swp08_levels(SimulatorConfig& config) {
+    std::map<std::pair<int, int>, int> taken;
+    for (const LevelSpec& level : config.levels) {
+        const auto found = config.backend.swp08.levels.find(level.number);
+        const MatrixLevel where = found != config.backend.swp08.levels.end() ? found->second : MatrixLevel{0, level.number};
+        if (where.level < 0 || where.level > 255)
+            throw ConfigError("level " + std::to_string(level.number) +
+                              " needs its SW-P-08 level (0 to 255) named: level = L in its [[level]]");
+        const auto [other, added] = taken.emplace(std::make_pair(where.matrix, where.level), level.number);
+        if (!added)
+            throw ConfigError("levels " + std::to_string(other->second) + " and " + std::to_string(level.number) +
+                              " are both matrix " + std::to_string(where.matrix) + " level " +
+                              std::to_string(where.level) + " of the router");
+        config.backend.swp08.levels[level.number] = where;
+    }
 }
 
 SimulatorConfig builtin() {
@@ -372,30 +392,34 @@ public:
 
     // A real router's counts are its own: a level it serves may leave its sizes out.
     void backend(const toml::table& table, SimulatorConfig& config) const {
-        only_known_keys(table, "backend.", {"protocol", "address", "keepalive_ms", "answer_timeout_ms",
-                                            "connect_timeout_ms", "video_level", "monitoring_level"});
+        only_known_keys(table, "backend.",
+                        {"protocol", "address", "address2", "keepalive_ms", "answer_timeout_ms", "connect_timeout_ms",
+                         "video_level", "monitoring_level", "ack_timeout_ms", "resends", "confirm_timeout_ms",
+                         "connect_interval_ms", "protect_device", "name_length", "implementation_query",
+                         "group_salvos", "salvo"});
         BackendSettings& backend = config.backend;
+        using Protocol = BackendSettings::Protocol;
         if (const toml::node* n = table.get("protocol")) {
             const std::string protocol = string(*n, "backend.protocol");
             if (protocol == "videohub") {
-                backend.protocol = BackendSettings::Protocol::videohub;
+                backend.protocol = Protocol::videohub;
+            } else if (protocol == "swp08") {
+                backend.protocol = Protocol::swp08;
             } else if (protocol != "simulated") {
-                fail(n->source(), "backend.protocol", "must be \"simulated\" or \"videohub\", not \"" + protocol + "\"");
+                fail(n->source(), "backend.protocol",
+                     "must be \"simulated\", \"videohub\" or \"swp08\", not \"" + protocol + "\"");
             }
         }
         const toml::node* address = table.get("address");
-        if (backend.protocol == BackendSettings::Protocol::simulated) {
+        if (backend.protocol == Protocol::simulated) {
             if (address) fail(address->source(), "backend.address", "a simulated router has no address");
             return;
         }
-        if (!address) fail(table.source(), "backend.address", "missing: the router's HOST:PORT");
-        try {
-            const BackendSettings parsed = parse_backend("videohub:" + string(*address, "backend.address"));
-            backend.host = parsed.host;
-            backend.port = parsed.port;
-        } catch (const std::invalid_argument& e) {
-            fail(address->source(), "backend.address", e.what());
-        }
+        const bool swp08 = backend.protocol == Protocol::swp08;
+        if (!address)
+            fail(table.source(), "backend.address",
+                 swp08 ? "missing: the router's HOST:PORT or serial:DEVICE" : "missing: the router's HOST:PORT");
+        backend.router = router_address(*address, "backend.address", backend.protocol);
         const auto milliseconds = [&](const char* key, std::chrono::milliseconds& value, std::int64_t low) {
             if (const toml::node* n = table.get(key))
                 value = std::chrono::milliseconds(integer(*n, std::string("backend.") + key, low, 3600000));
@@ -403,6 +427,17 @@ public:
         milliseconds("keepalive_ms", backend.keepalive, 100);
         milliseconds("answer_timeout_ms", backend.answer_timeout, 10);
         milliseconds("connect_timeout_ms", backend.connect_timeout, 10);
+        for (const char* key : {"video_level", "monitoring_level"}) {
+            if (swp08 && table.get(key))
+                fail(table.get(key)->source(), std::string("backend.") + key,
+                     "an SW-P-08 router's levels are named in [[level]] (matrix, level)");
+        }
+        for (const char* key : {"address2", "ack_timeout_ms", "resends", "confirm_timeout_ms", "connect_interval_ms",
+                                "protect_device", "name_length", "implementation_query", "group_salvos", "salvo"}) {
+            if (!swp08 && table.get(key))
+                fail(table.get(key)->source(), std::string("backend.") + key, "only for an SW-P-08 router");
+        }
+        if (swp08) return swp08_backend(table, config);
         if (const toml::node* n = table.get("video_level"))
             backend.video_level = static_cast<int>(integer(*n, "backend.video_level", 0, std::numeric_limits<int>::max()));
         if (const toml::node* n = table.get("monitoring_level")) {
@@ -411,6 +446,38 @@ public:
             if (backend.monitoring_level == backend.video_level)
                 fail(n->source(), "backend.monitoring_level", "must differ from backend.video_level");
         }
+    }
+
+    RouterAddress router_address(const toml::node& node, const std::string& key, BackendSettings::Protocol protocol) const {
+        try {
+            return parse_router_address(protocol, string(node, key));
+        } catch (const std::invalid_argument& e) {
+            fail(node.source(), key, e.what());
+        }
+    }
+
+    void swp08_backend(const toml::table& table, SimulatorConfig& config) const {
+        Swp08Settings& swp08 = config.backend.swp08;
+        if (const toml::node* n = table.get("address2"))
+            swp08.address2 = router_address(*n, "backend.address2", BackendSettings::Protocol::swp08);
+        if (const toml::node* n = table.get("ack_timeout_ms"))
+            swp08.ack_timeout = std::chrono::milliseconds(integer(*n, "backend.ack_timeout_ms", 10, 60000));
+        if (const toml::node* n = table.get("resends")) swp08.resends = static_cast<int>(integer(*n, "backend.resends", 0, 100));
+        if (const toml::node* n = table.get("confirm_timeout_ms"))
+            swp08.confirm_timeout = std::chrono::milliseconds(integer(*n, "backend.confirm_timeout_ms", 10, 60000));
+        if (const toml::node* n = table.get("connect_interval_ms"))
+            swp08.connect_interval = std::chrono::milliseconds(integer(*n, "backend.connect_interval_ms", 0, 10000));
+        if (const toml::node* n = table.get("protect_device"))
+            swp08.protect_device = static_cast<int>(integer(*n, "backend.protect_device", 0, 1023));
+        if (const toml::node* n = table.get("name_length")) {
+            swp08.name_length = static_cast<int>(integer(*n, "backend.name_length", 4, 32));
+            if (!swp08::is_name_length(swp08.name_length))
+                fail(n->source(), "backend.name_length", "must be 4, 8, 12, 16 or 32 characters");
+        }
+        if (const toml::node* n = table.get("implementation_query"))
+            swp08.implementation_query = boolean(*n, "backend.implementation_query");
+        if (const toml::node* n = table.get("group_salvos")) swp08.group_salvos = boolean(*n, "backend.group_salvos");
+        if (const toml::node* n = table.get("salvo")) swp08.salvo = static_cast<int>(integer(*n, "backend.salvo", 0, 127));
     }
 
     // Each level a real router serves must be in the file.
@@ -439,14 +506,15 @@ public:
             const std::string prefix = "level[" + std::to_string(i) + "].";
             only_known_keys(level, prefix,
                             {"number", "name", "sources", "destinations", "crosspoints", "locks", "source_labels",
-                             "destination_labels"});
+                             "destination_labels", "matrix", "level"});
             LevelSpec levelSpec;
             levelSpec.number = static_cast<int>(required_integer(level, "number", prefix, std::numeric_limits<int>::min(),
                                                             std::numeric_limits<int>::max()));
             if (!numbers.insert(levelSpec.number).second)
                 fail(level.get("number")->source(), prefix + "number", "level " + std::to_string(levelSpec.number) + " is defined twice");
             if (const toml::node* name = level.get("name")) levelSpec.name = string(*name, prefix + "name");
-            const bool sized_by_router = config.backend.protocol != BackendSettings::Protocol::simulated &&
+            matrix_level(level, prefix, levelSpec.number, config);
+            const bool sized_by_router = config.backend.protocol == BackendSettings::Protocol::videohub &&
                                          (levelSpec.number == config.backend.video_level ||
                                           levelSpec.number == config.backend.monitoring_level);
             if (sized_by_router) {
@@ -463,6 +531,12 @@ public:
             }
             config.levels.push_back(std::move(levelSpec));
             const LevelSpec& added = config.levels.back();
+            if (config.backend.protocol == BackendSettings::Protocol::swp08) {
+                for (const char* key : {"crosspoints", "locks"}) {
+                    if (const toml::node* n = level.get(key))
+                        fail(n->source(), prefix + key, "the router's own: an SW-P-08 router's crosspoints and protects are read from it");
+                }
+            }
             initial_crosspoints(level, prefix, added, config);
             initial_locks(level, prefix, added, config);
         }
@@ -505,6 +579,18 @@ public:
             if (!entry.is_table()) fail(entry.source(), prefix + name + "[" + std::to_string(i) + "]", "must be a table");
             each(*entry.as_table(), key);
         }
+    }
+
+    // Where an SW-P-08 router has the level: its matrix and level, by default
+    // matrix 0 and the level of the same number.
+    void matrix_level(const toml::table& level, const std::string& prefix, int number, SimulatorConfig& config) const {
+        const toml::node* matrix = level.get("matrix");
+        const toml::node* router_level = level.get("level");
+        if (!matrix && !router_level) return;
+        MatrixLevel& where = config.backend.swp08.levels[number];
+        where = {0, number};
+        if (matrix) where.matrix = static_cast<int>(integer(*matrix, prefix + "matrix", 0, 255));
+        if (router_level) where.level = static_cast<int>(integer(*router_level, prefix + "level", 0, 255));
     }
 
     void initial_crosspoints(const toml::table& level, const std::string& prefix, const LevelSpec& levelSpec,
@@ -556,11 +642,21 @@ public:
         if (const toml::table* r = table(root, "record", "")) record(*r, config);
         if (const toml::table* h = table(root, "http", "")) http(*h, config);
         if (const toml::table* p = table(root, "plugin", "")) plugin(*p, config);
+        const BackendSettings::Protocol protocol = config.backend.protocol;
         if (const toml::node* l = root.get("level")) {
             levels(*l, config);
-            if (config.backend.protocol != BackendSettings::Protocol::simulated) check_router_levels(*l, config);
-        } else if (config.backend.protocol != BackendSettings::Protocol::simulated) {
+            if (protocol == BackendSettings::Protocol::videohub) check_router_levels(*l, config);
+        } else if (protocol == BackendSettings::Protocol::videohub) {
             use_router_levels(config);
+        }
+        if (protocol == BackendSettings::Protocol::swp08) {
+            try {
+                check_swp08_levels(config);
+            } catch (const ConfigError& e) {
+                const toml::node* l = root.get("level");
+                if (!l) throw ConfigError(path_ + ": " + e.what());
+                fail(l->source(), "level", e.what());
+            }
         }
         check_capacity(root, config);
         return config;
@@ -598,9 +694,19 @@ void apply_backend(SimulatorConfig& config, const std::string& option) {
         throw ConfigError(std::string("--backend: ") + e.what());
     }
     config.backend.protocol = named.protocol;
-    config.backend.host = named.host;
-    config.backend.port = named.port;
+    config.backend.router = named.router;
     if (named.protocol == BackendSettings::Protocol::simulated) return;
+    if (named.protocol == BackendSettings::Protocol::swp08) {
+        // The crosspoints and protects are the router's; the levels stay as configured.
+        config.crosspoints.clear();
+        config.locks.clear();
+        try {
+            check_swp08_levels(config);
+        } catch (const ConfigError& e) {
+            throw ConfigError("--backend: " + config.origin + ": " + e.what());
+        }
+        return;
+    }
     if (config.origin == builtin_config().origin) return use_router_levels(config);
     for (const int level : {config.backend.video_level, config.backend.monitoring_level}) {
         if (level < 0) continue;

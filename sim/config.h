@@ -72,8 +72,10 @@ struct SimulatorConfig {
 // outputs as level 0, sized by the router.
 void use_router_levels(SimulatorConfig& config);
 
-// --backend over the configuration: "simulated" or videohub:HOST:PORT; throws
-// ConfigError naming the option.
+// --backend over the configuration: "simulated", videohub:HOST:PORT or
+// swp08:HOST:PORT (swp08:serial:DEVICE...); throws ConfigError naming the option.
+// An SW-P-08 router serves the configured levels (the built-in two without a
+// file), each where its [[level]] says, or matrix 0 and the level of its number.
 void apply_backend(SimulatorConfig& config, const std::string& option);
 
 // Two levels, 0 "video" and 1 "audio", of 32 sources by 32 destinations, seen

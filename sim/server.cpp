@@ -10,6 +10,8 @@
 #include <boost/asio/write.hpp>
 
 #include "sim/backends/simulated_backend.h"
+#include "sim/backends/swp08_backend.h"
+#include "sim/backends/videohub_backend.h"
 #include "sim/links/endpoint.h"
 #include "sim/links/tcp_transport.h"
 
@@ -63,6 +65,8 @@ std::unique_ptr<RouterBackend> make_backend(const SimulatorConfig& config, asio:
                                             const Log& log) {
     if (config.backend.protocol == BackendSettings::Protocol::simulated) return std::make_unique<SimulatedBackend>(router);
     BackendSettings settings = config.backend;
+    if (settings.protocol == BackendSettings::Protocol::swp08)
+        return std::make_unique<Swp08Backend>(io, router, std::move(settings), log);
     settings.most_outputs = static_cast<int>(std::min<std::size_t>(
         {most_destinations_per_level(config.limits), most_destinations_in_all(config.limits) / 2, 65536}));
     return std::make_unique<VideohubBackend>(io, router, std::move(settings), log);
@@ -93,7 +97,7 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
       signals_(io_, SIGINT, SIGTERM),
       other_signals_(io_),
       ticker_(io_) {
-    videohub_ = dynamic_cast<VideohubBackend*>(backend_.get());
+    gateway_ = dynamic_cast<RouterGateway*>(backend_.get());
     if (!config.state_file.empty()) {
         open_state(config);
         state_writer_ = std::make_unique<StateWriter>(
@@ -132,16 +136,16 @@ Server::Server(const SimulatorConfig& config, std::shared_ptr<const plugin_host:
 // router is read.
 void Server::open_state(const SimulatorConfig& config) {
     std::vector<LevelSpec> kept = config.levels;
-    if (videohub_) {
+    if (gateway_ && gateway_->sized_by_router()) {
         for (LevelSpec& level : kept) {
-            if (!videohub_->serves(level.number)) continue;
-            level.sources = level.destinations = videohub_->settings().most_outputs;
+            if (!gateway_->serves(level.number)) continue;
+            level.sources = level.destinations = gateway_->settings().most_outputs;
         }
     }
     state_ = std::make_unique<StateStore>(
         config.state_file, kept, config.fresh_state, [this](const std::string& line) { log_.info(line); },
         config.salvo_limits);
-    if (!videohub_) {
+    if (!gateway_) {
         const bool restored = state_->restore_into(router_);
         log_.info(std::string(restored ? "crosspoints and locks restored from " : "crosspoints and locks kept in ") +
                   config.state_file);
@@ -152,8 +156,8 @@ void Server::open_state(const SimulatorConfig& config) {
     for (const LevelSpec& level : router_.levels()) {
         std::vector<int> locks;
         for (int d = 0; d < stored.find_level(level.number)->destinations; ++d) locks.push_back(stored.lock_of(level.number, d));
-        if (videohub_->serves(level.number)) {
-            videohub_->restore_locks(level.number, std::move(locks));
+        if (gateway_->serves(level.number)) {
+            gateway_->restore_locks(level.number, std::move(locks));
             continue;
         }
         for (int d = 0; d < level.destinations; ++d) {
@@ -183,25 +187,24 @@ std::vector<LinkStatus> Server::links() const {
         links.push_back({"serial", settings.device, described, serial->open(), serial->problem()});
     }
     if (state_writer_) links.push_back(state_status(state_->path(), state_writer_->health()));
-    if (videohub_) {
-        const BackendStatus& status = videohub_->status();
-        links.push_back({"router", videohub_->settings().address(), "Videohub" + (videohub_->device().empty() ? "" : ", " + videohub_->device()),
-                         status.up, status.problem});
+    if (gateway_) {
+        const BackendStatus& status = gateway_->status();
+        links.push_back({"router", gateway_->address(), gateway_->description(), status.up, status.problem});
     }
     return links;
 }
 
 std::string Server::connect_router() {
-    if (!videohub_) return {};
-    videohub_->start();
-    const BackendSettings& settings = videohub_->settings();
+    if (!gateway_) return {};
+    gateway_->start();
+    const BackendSettings& settings = gateway_->settings();
     const auto deadline = std::chrono::steady_clock::now() + settings.connect_timeout + settings.answer_timeout;
-    while (!videohub_->status().up && videohub_->failures() == 0 && std::chrono::steady_clock::now() < deadline)
+    while (!gateway_->status().up && gateway_->failures() == 0 && std::chrono::steady_clock::now() < deadline)
         io_.run_one_until(deadline);
     io_.restart();
-    const std::string where = "backend videohub " + settings.address();
-    if (videohub_->status().up) return where + ": answered, " + videohub_->device();
-    return where + ": not answering (" + videohub_->status().problem + "), trying again";
+    const std::string where = std::string("backend ") + protocol_name(settings.protocol) + " " + gateway_->address();
+    if (gateway_->status().up) return where + ": answered, " + gateway_->device();
+    return where + ": not answering (" + gateway_->status().problem + "), trying again";
 }
 
 // A real router's sizes changed: what one event may leave for a client follows them.
@@ -312,7 +315,7 @@ void Server::shut_down(int signal) {
     sessions_.stop_all();
     web_->stop();
     inbox_.close();
-    if (videohub_) videohub_->stop();
+    if (gateway_) gateway_->stop();
     refusals_.end_second();
 }
 

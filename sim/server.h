@@ -9,7 +9,7 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include "host/plugin_library.h"
-#include "sim/backends/videohub_backend.h"
+#include "sim/backends/gateway.h"
 #include "sim/config.h"
 #include "sim/links/admission.h"
 #include "sim/links/link_status.h"
@@ -80,7 +80,7 @@ private:
     RefusalLog refusals_;
     Router router_;
     std::unique_ptr<RouterBackend> backend_;  // what carries out the router's changes
-    VideohubBackend* videohub_ = nullptr;     // the backend, when it is a Videohub router
+    RouterGateway* gateway_ = nullptr;        // the backend, when it is a real router
     std::unique_ptr<StateStore> state_;  // --state
     std::unique_ptr<StateWriter> state_writer_;  // commits to state_, off the event loop
     std::unique_ptr<RecordDirectory> recordings_;  // --record; declared before the sessions that record to it

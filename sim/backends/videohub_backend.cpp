@@ -126,9 +126,9 @@ void VideohubBackend::stop() {
 void VideohubBackend::resolve_and_connect() {
     boost::system::error_code ec;
     tcp::resolver resolver(io_);
-    const tcp::resolver::results_type endpoints = resolver.resolve(settings_.host, settings_.port, ec);
+    const tcp::resolver::results_type endpoints = resolver.resolve(settings_.router.host, settings_.router.port, ec);
     if (ec) {
-        away("cannot resolve " + settings_.host + ": " + ec.message());
+        away("cannot resolve " + settings_.router.host + ": " + ec.message());
         return reconnect_later();
     }
     const std::uint64_t generation = ++generation_;

@@ -13,18 +13,13 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include "sim/backends/backend_settings.h"
+#include "sim/backends/gateway.h"
 #include "sim/backends/videohub_codec.h"
 #include "sim/log.h"
 #include "sim/router/backend.h"
 #include "sim/router/router.h"
 
 namespace routerd {
-
-// How the link to a real router stands.
-struct BackendStatus {
-    bool up = false;      // connected and its state read: changes are taken
-    std::string problem;  // why not
-};
 
 // A Videohub router driven over its Ethernet protocol, as one client of it.
 //
@@ -44,7 +39,7 @@ struct BackendStatus {
 // device present) every change is refused, nothing is queued for later, and
 // the model keeps the last state read. After a reconnect the new state dump is
 // compared with the model: only what differs is told.
-class VideohubBackend final : public RouterBackend {
+class VideohubBackend final : public RouterGateway {
 public:
     // The router's levels must exist in `router`; their sizes follow the router's.
     VideohubBackend(boost::asio::io_context& io, Router& router, BackendSettings settings, const Log& log);
@@ -54,20 +49,20 @@ public:
     Refusal lock(const SwitchRequest& request) override;
     void frame_ended() override { send_next(); }
 
-    // Connects, and connects again whenever the link is lost, until stop().
-    void start();
-    void stop();
+    void start() override;
+    void stop() override;
 
-    bool serves(int level) const { return level >= 0 && (level == banks_[0].level || level == banks_[1].level); }
-    // Leitch clients' lock states from before a restart, by destination: asserted once the router is read.
-    void restore_locks(int level, std::vector<int> locks);
+    bool serves(int level) const override {
+        return level >= 0 && (level == banks_[0].level || level == banks_[1].level);
+    }
+    bool sized_by_router() const override { return true; }
+    void restore_locks(int level, std::vector<int> locks) override;
 
-    const BackendStatus& status() const { return status_; }
-    const BackendSettings& settings() const { return settings_; }
-    // The device's own description, once read: "Smart Videohub 12G 40x40, 40 inputs, 40 outputs".
-    const std::string& device() const { return device_; }
-    // Links lost or never made.
-    std::uint64_t failures() const { return failures_; }
+    const BackendStatus& status() const override { return status_; }
+    const BackendSettings& settings() const override { return settings_; }
+    std::string address() const override { return settings_.address(); }
+    std::string device() const override { return device_; }
+    std::uint64_t failures() const override { return failures_; }
 
 private:
     using OutputKind = videohub::OutputKind;

@@ -24,25 +24,34 @@ asio::serial_port_base::parity parity_of(char parity) {
 
 }  // namespace
 
-SerialTransport::SerialTransport(asio::io_context& io, const SerialSettings& settings)
-    : port_(io), device_(settings.device) {
+void open_serial_port(asio::serial_port& port, const SerialSettings& settings) {
     using Port = asio::serial_port_base;
     boost::system::error_code ec;
     // Opened raw: no echo, no line editing, no translation of CR and LF.
-    port_.open(device_, ec);
-    if (ec) throw SerialError("cannot open serial port " + device_ + ": " + ec.message());
-    port_.set_option(Port::baud_rate(settings.baud), ec);
-    if (!ec) port_.set_option(Port::character_size(settings.data_bits), ec);
-    if (!ec) port_.set_option(parity_of(settings.parity), ec);
+    port.open(settings.device, ec);
+    if (ec) throw SerialError("cannot open serial port " + settings.device + ": " + ec.message());
+    port.set_option(Port::baud_rate(settings.baud), ec);
+    if (!ec) port.set_option(Port::character_size(settings.data_bits), ec);
+    if (!ec) port.set_option(parity_of(settings.parity), ec);
     if (!ec)
-        port_.set_option(Port::stop_bits(settings.stop_bits == 2 ? Port::stop_bits::two : Port::stop_bits::one), ec);
+        port.set_option(Port::stop_bits(settings.stop_bits == 2 ? Port::stop_bits::two : Port::stop_bits::one), ec);
     if (!ec)
-        port_.set_option(Port::flow_control(settings.rts_cts ? Port::flow_control::hardware : Port::flow_control::none),
-                         ec);
-    if (ec) throw SerialError("cannot set serial port " + device_ + " to " + settings.describe() + ": " + ec.message());
-    // Another program opening the port too would take bytes meant for the
-    // converter: it now fails with "Device or resource busy".
-    ::ioctl(port_.native_handle(), TIOCEXCL);
+        port.set_option(Port::flow_control(settings.rts_cts ? Port::flow_control::hardware : Port::flow_control::none),
+                        ec);
+    if (ec) {
+        boost::system::error_code ignored;
+        port.close(ignored);
+        throw SerialError("cannot set serial port " + settings.device + " to " + settings.describe() + ": " +
+                          ec.message());
+    }
+    // Another program opening the port too would take bytes meant for us: it
+    // now fails with "Device or resource busy".
+    ::ioctl(port.native_handle(), TIOCEXCL);
+}
+
+SerialTransport::SerialTransport(asio::io_context& io, const SerialSettings& settings)
+    : port_(io), device_(settings.device) {
+    open_serial_port(port_, settings);
     // Writes take what the port can hold now; the rest waits for writability.
     const int flags = ::fcntl(port_.native_handle(), F_GETFL);
     if (flags < 0 || ::fcntl(port_.native_handle(), F_SETFL, flags | O_NONBLOCK) < 0)

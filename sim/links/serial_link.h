@@ -23,6 +23,9 @@ public:
     using StartupError::StartupError;
 };
 
+// Opens `port` raw with the settings, taken for this process alone; throws SerialError.
+void open_serial_port(boost::asio::serial_port& port, const SerialSettings& settings);
+
 // A client on a serial port, opened and set up (raw, the port's settings).
 class SerialTransport final : public Transport {
 public:
