@@ -71,8 +71,10 @@ void declare_options(CLI::App& app, CommandLine& options, std::string& config_pa
         ->check(CLI::Range(std::size_t{1024}, std::size_t{1} << 40));
     app.add_option("--backend", options.backend,
                    "the router that carries out the changes: \"simulated\" (the default), or a real one, "
-                   "videohub:HOST:PORT (a Videohub router, usually on port 9990); instead of the configuration's "
-                   "[backend]. Without --config, the router's video outputs are level 0, sized by the router");
+                   "videohub:HOST:PORT (a Videohub router, usually on port 9990), swp08:HOST:PORT or "
+                   "swp08:serial:DEVICE[:BAUD[,FORMAT]] (an SW-P-08 router); instead of the configuration's "
+                   "[backend]. Without --config, a Videohub router's video outputs are level 0, sized by the router, "
+                   "and an SW-P-08 router's matrix 0 levels 0 and 1 are the built-in two levels");
     app.set_version_flag("--version", std::string("leitch-routerd ") + LEITCH_ROUTERD_VERSION);
 }
 

@@ -285,8 +285,7 @@ void Swp08Backend::apply(const swp08::LinkOutput& out) {
     }
     if (out.failed) return drop("the router does not acknowledge: " + *out.failed);
     if (link_.dropped_since_frame() > kMostNoise)
-        return drop("the router sent " + std::to_string(link_.dropped_since_frame()) +
-                    " bytes without a well-formed frame");
+        return drop("the router sent more than " + std::to_string(kMostNoise) + " bytes without a well-formed frame");
     if (listener_ && router_.changed()) listener_->model_changed();
     pump();
     arm_timer();
