@@ -1,6 +1,7 @@
 #include "sim/backends/swp08_backend.h"
 
 #include <algorithm>
+#include <limits>
 #include <set>
 #include <utility>
 
@@ -108,6 +109,9 @@ Refusal Swp08Backend::take(const SwitchRequest& request) {
     // What the router carries already is taken at once, as the simulated router takes it.
     if (found == asks_.end() && router_.source_of(request.level, request.destination) == request.value)
         return router_.take(request.level, request.value, request.destination);
+    // Connects leave at the router's pace: one that could not leave within
+    // the confirmation time would only be refused later.
+    if (paced_waiting_ >= most_paced_waiting()) return Refusal::router_busy;
     std::vector<Ask>& asks = asks_[key];
     // Asked twice in one frame: the later source is the one sent.
     if (!asks.empty() && !asks.back().sent &&
@@ -134,6 +138,14 @@ Refusal Swp08Backend::lock(const SwitchRequest& request) {
     const bool ours = holder == settings_.swp08.protect_device;
     if ((request.value != 0) != ours) protect(*level, request.destination, request.value != 0);
     return Refusal::none;
+}
+
+// As many as the pace lets leave within the confirmation time, and at least a burst.
+std::size_t Swp08Backend::most_paced_waiting() const {
+    const auto interval = settings_.swp08.connect_interval.count();
+    if (interval == 0) return std::numeric_limits<std::size_t>::max();
+    return static_cast<std::size_t>(std::max<long long>(static_cast<long long>(kConnectBurst),
+                                                        settings_.swp08.confirm_timeout.count() / interval));
 }
 
 void Swp08Backend::protect(Level& level, int destination, bool on) {
@@ -166,6 +178,7 @@ void Swp08Backend::send_gathered() {
         for (const Key& key : gathered_) {
             const Level& level = levels_[key.first];
             send(swp08::connect(level.matrix, level.level, key.second, asks_[key].back().source), true, {key});
+            ++paced_waiting_;
         }
     }
     gathered_.clear();
@@ -236,6 +249,7 @@ void Swp08Backend::on_connected() {
     writing_.clear();
     unwritten_.clear();
     bad_frames_in_a_row_ = 0;
+    last_message_.clear();
     connect_tokens_ = kConnectBurst;
     tokens_at_ = last_sent_ = connected_at_;
     status_ = {false, "connected, reading the router's state"};
@@ -280,6 +294,11 @@ void Swp08Backend::apply(const swp08::LinkOutput& out) {
     }
     for (const swp08::Bytes& message : out.messages) {
         bad_frames_in_a_row_ = 0;
+        // A frame the same as the one before it is the router sending it
+        // again (it missed our ACK). Read twice, a go's answer would settle
+        // the next salvo too; anything else is the same news again.
+        if (message == last_message_) continue;
+        last_message_ = message;
         handle(swp08::decode(message));
         if (generation != generation_) return;
     }
@@ -334,6 +353,7 @@ void Swp08Backend::pump() {
         if (connect_tokens_ < 1) return;  // the timer comes back for it
         connect_tokens_ -= 1;
     }
+    if (next.connect) --paced_waiting_;
     for (const Key& key : next.starts) {
         const auto found = asks_.find(key);
         if (found == asks_.end()) continue;
@@ -419,6 +439,7 @@ void Swp08Backend::drop(const std::string& reason) {
     up_ = false;
     refuse_all(Refusal::router_away);
     outbox_.clear();
+    paced_waiting_ = 0;
     steps_.clear();
     away(reason);
     if (listener_ && router_.changed()) listener_->model_changed();
@@ -628,7 +649,13 @@ void Swp08Backend::salvo_done(const swp08::SalvoDone& done) {
     for (const Salvo::Entry& e : salvo.entries) {
         Level& level = levels_[e.key.first];
         if (done.result == swp08::SalvoResult::set && e.acknowledged) {
-            reported(level, e.key.second, e.source);
+            // A protected destination may have been passed over at the go:
+            // the router is asked what it carries.
+            if (level.protected_by[static_cast<std::size_t>(e.key.second)] != kUnprotected) {
+                send(swp08::interrogate(level.matrix, level.level, e.key.second));
+            } else {
+                reported(level, e.key.second, e.source);
+            }
             continue;
         }
         const auto found = asks_.find(e.key);

@@ -173,6 +173,7 @@ private:
     void expire(Clock::time_point now);
     void send_gathered();
     void protect(Level& level, int destination, bool on);
+    std::size_t most_paced_waiting() const;
 
     boost::asio::io_context& io_;
     Router& router_;
@@ -203,10 +204,12 @@ private:
     std::string writing_;                  // on its way to the router
     std::string unwritten_;                // waiting for that write to end
     std::deque<Outgoing> outbox_;
+    std::size_t paced_waiting_ = 0;        // connects in the outbox, waiting for the pace
     double connect_tokens_ = 0;
     Clock::time_point tokens_at_{};
     Clock::time_point last_sent_{};
     int bad_frames_in_a_row_ = 0;
+    swp08::Bytes last_message_;            // the router's last frame: a repeat of it is ignored
 
     std::deque<Step> steps_;
     std::size_t names_steps_ = 0;          // how many steps the last plan of names added

@@ -17,6 +17,7 @@ std::string describe(Refusal refusal) {
         case Refusal::router_refused: return "refused by the router";
         case Refusal::router_away: return "the router is not connected";
         case Refusal::locked_at_router: return "locked at the router by another controller";
+        case Refusal::router_busy: return "the router is busy: too many takes waiting";
         case Refusal::label_not_allowed: return "label not allowed";
     }
     return "refused";

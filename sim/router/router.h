@@ -79,6 +79,7 @@ enum class Refusal {
     router_refused,     // the router answered NAK, or left the destination as it was
     router_away,        // no router to ask: not connected, or it did not answer
     locked_at_router,   // another controller of the router holds the destination
+    router_busy,        // more takes wait for the router than it can switch in time
     label_not_allowed,  // see label_problem()
 };
 

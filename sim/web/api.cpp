@@ -99,6 +99,7 @@ ApiReply refused_reply(Refusal refusal, const std::string& prefix, int applied) 
             field = prefix + "destination";
             break;
         case Refusal::router_away:
+        case Refusal::router_busy:
             status = http::status::service_unavailable;
             field.clear();
             break;

@@ -263,6 +263,24 @@ class PacedConnectsWithoutSalvos(Gateway):
         self.assertEqual(commands(self.router, {0x78, 0x79}), [])
 
 
+class PacedBacklog(Gateway):
+    router_options = {"group_salvos": False}
+    extra_backend = "connect_interval_ms = 50"
+
+    def test_takes_past_what_the_pace_lets_leave_in_time_are_refused_as_busy(self):
+        client = self.leitch()
+        # One frame of 64 takes (presets executed) is accepted whole; 20 leave at once, the rest at the pace.
+        client.send("".join("@ P:%d/%X,%X\r" % (level, d, (d + 1) % 32) for level in (0, 1) for d in range(32)) +
+                    "@ B:E\r")
+        self.assertIsNotNone(client.read_until("S:00,1"))
+        status, body = request(self.routerd, "POST", "/api/levels/0/take", {"destination": 0, "source": 9})
+        self.assertEqual((status, body["error"]), (503, "the router is busy: too many takes waiting"))
+        self.assertTrue(wait_until(lambda: self.router.tallies(0, 1) == [(d + 1) % 32 for d in range(32)], timeout=10),
+                        "%s\n%s" % (len(commands(self.router, {0x02})), self.routerd.log()))
+        self.assertEqual(self.router.tallies(0, 0), [(d + 1) % 32 for d in range(32)])
+        self.assertEqual(len(commands(self.router, {0x02})), 64)
+
+
 class ExtendedLevels(Gateway):
     levels_toml = """
 [[level]]
