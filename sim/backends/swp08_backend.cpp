@@ -294,12 +294,14 @@ void Swp08Backend::apply(const swp08::LinkOutput& out) {
     }
     for (const swp08::Bytes& message : out.messages) {
         bad_frames_in_a_row_ = 0;
-        // A frame the same as the one before it is the router sending it
-        // again (it missed our ACK). Read twice, a go's answer would settle
-        // the next salvo too; anything else is the same news again.
-        if (message == last_message_) continue;
+        // A go's answer the same as the frame before it is the router sending
+        // it again (it missed our ACK): read twice, it would settle the next
+        // salvo too. Anything else read twice is the same news again.
+        const swp08::Message decoded = swp08::decode(message);
+        const bool repeat = message == last_message_;
         last_message_ = message;
-        handle(swp08::decode(message));
+        if (repeat && std::holds_alternative<swp08::SalvoDone>(decoded)) continue;
+        handle(decoded);
         if (generation != generation_) return;
     }
     if (out.failed) return drop("the router does not acknowledge: " + *out.failed);

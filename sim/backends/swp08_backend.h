@@ -209,7 +209,7 @@ private:
     Clock::time_point tokens_at_{};
     Clock::time_point last_sent_{};
     int bad_frames_in_a_row_ = 0;
-    swp08::Bytes last_message_;            // the router's last frame: a repeat of it is ignored
+    swp08::Bytes last_message_;            // the router's last frame, to know a repeat of it
 
     std::deque<Step> steps_;
     std::size_t names_steps_ = 0;          // how many steps the last plan of names added
