@@ -106,6 +106,12 @@ begin "fuzzing the Videohub codec for ${videohub_seconds}s"
 fuzz "fuzzing the Videohub codec" videohub_fuzz "$videohub_seconds" build/fuzz/videohub-corpus \
   build/fuzz/videohub-artifacts 65536 fuzz/videohub_seeds
 
+# The SW-P-08 codec's link and messages, on what a router might send.
+swp08_seconds=${LEITCH_SWP08_FUZZ_SECONDS:-20}
+begin "fuzzing the SW-P-08 codec for ${swp08_seconds}s"
+fuzz "fuzzing the SW-P-08 codec" swp08_fuzz "$swp08_seconds" build/fuzz/swp08-corpus \
+  build/fuzz/swp08-artifacts 4096 fuzz/swp08_seeds
+
 # The tests ran above; the package build does not run them again.
 begin "Debian packages and lintian"
 rm -rf build/packages
