@@ -29,11 +29,6 @@ constexpr double kConnectBurst = 20;
 // Dump messages come back to back; a pause this long ends a burst of them.
 constexpr auto kDumpPause = 50ms;
 
-std::string seconds(std::chrono::milliseconds duration) {
-    const auto tenths = (duration.count() + 50) / 100;
-    return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
-}
-
 std::string milliseconds(std::chrono::milliseconds duration) { return std::to_string(duration.count()) + " ms"; }
 
 }  // namespace
@@ -47,8 +42,8 @@ Swp08Backend::Swp08Backend(asio::io_context& io, Router& router, BackendSettings
       serial_(io),
       timer_(io),
       reconnect_(io),
-      backoff_(settings_.reconnect_first),
-      link_({settings_.swp08.ack_timeout, settings_.swp08.resends}) {
+      link_({settings_.swp08.ack_timeout, settings_.swp08.resends}),
+      availability_(log, settings_.reconnect_first, settings_.reconnect_most) {
     for (const LevelSpec& spec : router_.levels()) {
         Level level;
         level.number = spec.number;
@@ -188,7 +183,7 @@ void Swp08Backend::send_gathered() {
 
 void Swp08Backend::start() {
     running_ = true;
-    down_since_ = Clock::now();
+    availability_.starting();
     connect();
 }
 
@@ -216,8 +211,8 @@ void Swp08Backend::connect() {
             open_serial_port(serial_, *address.serial);
         } catch (const SerialError& e) {
             ++failures_;
-            away(e.what());
-            return reconnect_later(backoff_);
+            availability_.away(address.describe(), e.what());
+            return reconnect_later();
         }
         return on_connected();
     }
@@ -226,8 +221,8 @@ void Swp08Backend::connect() {
     const tcp::resolver::results_type endpoints = resolver.resolve(address.host, address.port, ec);
     if (ec) {
         ++failures_;
-        away("cannot resolve " + address.host + ": " + ec.message());
-        return reconnect_later(backoff_);
+        availability_.away(address.describe(), "cannot resolve " + address.host + ": " + ec.message());
+        return reconnect_later();
     }
     asio::async_connect(socket_, endpoints, [this, generation](const boost::system::error_code& error, const tcp::endpoint&) {
         if (generation != generation_) return;
@@ -252,7 +247,7 @@ void Swp08Backend::on_connected() {
     last_message_.clear();
     connect_tokens_ = kConnectBurst;
     tokens_at_ = last_sent_ = connected_at_;
-    status_ = {false, "connected, reading the router's state"};
+    availability_.reading();
     read();
     plan_read();
     begin_step();
@@ -443,28 +438,16 @@ void Swp08Backend::drop(const std::string& reason) {
     outbox_.clear();
     paced_waiting_ = 0;
     steps_.clear();
-    away(reason);
+    availability_.away(address(), reason);
     if (listener_ && router_.changed()) listener_->model_changed();
     // With two controllers, the other one is tried next.
     if (settings_.swp08.address2) controller_ ^= 1;
-    reconnect_later(backoff_);
+    reconnect_later();
 }
 
-// One log line per outage; attempts that fail while the router is away are
-// not logged again.
-void Swp08Backend::away(const std::string& reason) {
-    const bool was_up = status_.up;
-    status_ = {false, reason};
-    if (was_up) {
-        down_since_ = Clock::now();
-        log_.info("router " + address() + " is away: " + reason);
-    }
-}
-
-void Swp08Backend::reconnect_later(std::chrono::milliseconds delay) {
+void Swp08Backend::reconnect_later() {
     if (!running_) return;
-    reconnect_.expires_after(delay);
-    backoff_ = std::min(backoff_ * 2, settings_.reconnect_most);
+    reconnect_.expires_after(availability_.next_pause());
     const std::uint64_t generation = generation_;
     reconnect_.async_wait([this, generation](const boost::system::error_code& ec) {
         if (!ec && generation == generation_ && running_) connect();
@@ -809,16 +792,9 @@ void Swp08Backend::next_step_after_silence() {
 
 void Swp08Backend::state_read() {
     up_ = true;
-    status_ = {true, ""};
-    backoff_ = settings_.reconnect_first;
-    const auto now = Clock::now();
     device_ = std::to_string(levels_.size()) + (levels_.size() == 1 ? " level" : " levels") +
               (implemented_salvos_ ? ", group salvos" : ", connects paced");
-    const auto away_for = std::chrono::duration_cast<std::chrono::milliseconds>(now - down_since_);
-    const auto reading = std::chrono::duration_cast<std::chrono::milliseconds>(now - connected_at_);
-    log_.info("router " + address() + (was_up_ ? " is back after " + seconds(away_for) : " answered") + ": SW-P-08, " +
-              device_ + "; its state read in " + std::to_string(reading.count()) + " ms");
-    was_up_ = true;
+    availability_.back(address(), "SW-P-08, " + device_, connected_at_);
     // The protects follow the Leitch locks: a router may have forgotten ours,
     // or kept one that was released while it was away.
     const int ours = settings_.swp08.protect_device;

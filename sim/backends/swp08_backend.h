@@ -15,6 +15,7 @@
 #include <boost/asio/serial_port.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "sim/backends/availability.h"
 #include "sim/backends/backend_settings.h"
 #include "sim/backends/gateway.h"
 #include "sim/backends/swp08_codec.h"
@@ -63,7 +64,7 @@ public:
     bool sized_by_router() const override { return false; }
     void restore_locks(int level, std::vector<int> locks) override;
 
-    const BackendStatus& status() const override { return status_; }
+    const BackendStatus& status() const override { return availability_.status(); }
     const BackendSettings& settings() const override { return settings_; }
     std::string address() const override { return current_address().describe(); }
     std::string device() const override { return device_; }
@@ -140,8 +141,7 @@ private:
     void arm_timer();
     void on_timer();
     void drop(const std::string& reason);
-    void away(const std::string& reason);
-    void reconnect_later(std::chrono::milliseconds delay);
+    void reconnect_later();
     void close_stream();
 
     // What the router says
@@ -192,11 +192,8 @@ private:
     bool running_ = false;
     bool connected_ = false;
     bool up_ = false;                      // connected and the state read: changes are taken
-    bool was_up_ = false;
     std::size_t controller_ = 0;           // which address is in use: 0, or 1 for address2
     std::uint64_t failures_ = 0;
-    std::chrono::milliseconds backoff_{};
-    Clock::time_point down_since_{};
     Clock::time_point connected_at_{};
 
     swp08::Link link_;
@@ -221,7 +218,7 @@ private:
     std::map<Key, std::vector<Ask>> asks_;  // takes on their way, by destination
     std::vector<Key> gathered_;             // asked in this frame, not sent yet
     std::deque<Salvo> salvos_;              // sent, their go not answered yet
-    BackendStatus status_{false, "not connected yet"};
+    Availability availability_;
     std::string device_;
 };
 

@@ -12,15 +12,6 @@ namespace asio = boost::asio;
 using asio::ip::tcp;
 using namespace std::chrono_literals;
 
-namespace {
-
-std::string seconds(std::chrono::milliseconds duration) {
-    const auto tenths = (duration.count() + 50) / 100;
-    return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
-}
-
-}  // namespace
-
 VideohubBackend::VideohubBackend(asio::io_context& io, Router& router, BackendSettings settings, const Log& log)
     : io_(io),
       router_(router),
@@ -29,7 +20,7 @@ VideohubBackend::VideohubBackend(asio::io_context& io, Router& router, BackendSe
       socket_(io),
       timer_(io),
       reconnect_(io),
-      backoff_(settings_.reconnect_first) {
+      availability_(log, settings_.reconnect_first, settings_.reconnect_most) {
     banks_[0].level = settings_.video_level;
     banks_[1].level = settings_.monitoring_level;
     for (Bank& bank : banks_) {
@@ -107,7 +98,7 @@ Refusal VideohubBackend::lock(const SwitchRequest& request) {
 
 void VideohubBackend::start() {
     running_ = true;
-    down_since_ = std::chrono::steady_clock::now();
+    availability_.starting();
     resolve_and_connect();
 }
 
@@ -128,7 +119,7 @@ void VideohubBackend::resolve_and_connect() {
     tcp::resolver resolver(io_);
     const tcp::resolver::results_type endpoints = resolver.resolve(settings_.router.host, settings_.router.port, ec);
     if (ec) {
-        away("cannot resolve " + settings_.router.host + ": " + ec.message());
+        availability_.away(settings_.address(), "cannot resolve " + settings_.router.host + ": " + ec.message());
         return reconnect_later();
     }
     const std::uint64_t generation = ++generation_;
@@ -150,7 +141,7 @@ void VideohubBackend::on_connected(const boost::system::error_code& ec) {
     reader_ = videohub::Reader();
     device_present_ = false;
     for (Bank& bank : banks_) bank.routing_read = bank.locks_read = false;
-    status_ = {false, "connected, reading the router's state"};
+    availability_.reading();
     last_sent_ = std::chrono::steady_clock::now();
     arm_timer();
     read();
@@ -235,8 +226,9 @@ void VideohubBackend::device(const videohub::Device& block) {
         device_present_ = false;
         read_ = false;
         refuse_everything_waiting(Refusal::router_away);
-        away(block.presence == videohub::Presence::absent ? "the router reports no device present"
-                                                           : "the router's device needs a software update");
+        availability_.away(settings_.address(), block.presence == videohub::Presence::absent
+                                                    ? "the router reports no device present"
+                                                    : "the router's device needs a software update");
         return;
     }
     const int most = std::max(block.video_outputs, block.video_monitoring_outputs);
@@ -354,14 +346,7 @@ void VideohubBackend::check_read_complete() {
 
 void VideohubBackend::state_read() {
     read_ = true;
-    status_ = {true, ""};
-    backoff_ = settings_.reconnect_first;
-    const auto now = std::chrono::steady_clock::now();
-    const auto away_for = std::chrono::duration_cast<std::chrono::milliseconds>(now - down_since_);
-    const auto reading = std::chrono::duration_cast<std::chrono::milliseconds>(now - connected_at_);
-    log_.info("router " + settings_.address() + (was_up_ ? " is back after " + seconds(away_for) : " answered") + ": " +
-              device_ + "; its state read in " + std::to_string(reading.count()) + " ms");
-    was_up_ = true;
+    availability_.back(settings_.address(), device_, connected_at_);
     // Our locks are asserted again: a router may forget them with the connection.
     for (Bank& bank : banks_) {
         if (bank.level < 0) continue;
@@ -465,26 +450,14 @@ void VideohubBackend::drop(const std::string& reason) {
     read_ = false;
     device_present_ = false;
     refuse_everything_waiting(Refusal::router_away);
-    away(reason);
+    availability_.away(settings_.address(), reason);
     if (listener_ && router_.changed()) listener_->model_changed();
     reconnect_later();
 }
 
-// One log line per outage; attempts that fail while the router is away are
-// not logged again.
-void VideohubBackend::away(const std::string& reason) {
-    const bool was_up = status_.up;
-    status_ = {false, reason};
-    if (was_up) {
-        down_since_ = std::chrono::steady_clock::now();
-        log_.info("router " + settings_.address() + " is away: " + reason);
-    }
-}
-
 void VideohubBackend::reconnect_later() {
     if (!running_) return;
-    reconnect_.expires_after(backoff_);
-    backoff_ = std::min(backoff_ * 2, settings_.reconnect_most);
+    reconnect_.expires_after(availability_.next_pause());
     const std::uint64_t generation = generation_;
     reconnect_.async_wait([this, generation](const boost::system::error_code& ec) {
         if (!ec && generation == generation_ && running_) resolve_and_connect();

@@ -12,6 +12,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "sim/backends/availability.h"
 #include "sim/backends/backend_settings.h"
 #include "sim/backends/gateway.h"
 #include "sim/backends/videohub_codec.h"
@@ -58,7 +59,7 @@ public:
     bool sized_by_router() const override { return true; }
     void restore_locks(int level, std::vector<int> locks) override;
 
-    const BackendStatus& status() const override { return status_; }
+    const BackendStatus& status() const override { return availability_.status(); }
     const BackendSettings& settings() const override { return settings_; }
     std::string address() const override { return settings_.address(); }
     std::string device() const override { return device_; }
@@ -118,7 +119,6 @@ private:
     void arm_timer();
     void on_timer();
     void drop(const std::string& reason);
-    void away(const std::string& reason);
     void reconnect_later();
     void decide(Ask& ask, Refusal refusal);
     void decide_all(Asks& asks, Refusal refusal);
@@ -140,10 +140,7 @@ private:
     bool connected_ = false;
     bool read_ = false;             // the state dump is read (and a device is present)
     bool device_present_ = false;
-    bool was_up_ = false;           // since the last outage was logged
     std::uint64_t failures_ = 0;
-    std::chrono::milliseconds backoff_{};
-    std::chrono::steady_clock::time_point down_since_{};
     std::chrono::steady_clock::time_point connected_at_{};
     std::array<char, 65536> buffer_{};
     videohub::Reader reader_;
@@ -156,7 +153,7 @@ private:
     std::chrono::steady_clock::time_point sent_at_{};
     std::chrono::steady_clock::time_point last_sent_{};
     std::array<Asks, kKinds> unconfirmed_;  // acknowledged, no status seen: refused at the next answer
-    BackendStatus status_{false, "not connected yet"};
+    Availability availability_;
 };
 
 }  // namespace routerd
