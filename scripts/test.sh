@@ -3,8 +3,10 @@
 # then builds and runs every test twice, in the normal build and under
 # AddressSanitizer + UndefinedBehaviorSanitizer, runs the state file's tests
 # under ThreadSanitizer, and fuzzes the plug-in for a
-# bounded time (LEITCH_FUZZ_SECONDS, 120 unless set) and the transcript parser
-# (LEITCH_PARSER_FUZZ_SECONDS, 30). Any finding fails the run,
+# bounded time (LEITCH_FUZZ_SECONDS, 120 unless set), the transcript parser
+# (LEITCH_PARSER_FUZZ_SECONDS, 30), the Videohub codec
+# (LEITCH_VIDEOHUB_FUZZ_SECONDS, 30) and the SW-P-08 codec
+# (LEITCH_SWP08_FUZZ_SECONDS, 20). Any finding fails the run,
 # and so does any compiler warning (LEITCH_WARNINGS_AS_ERRORS).
 #
 # Then what is shipped: the Debian packages are built and checked with
