@@ -44,18 +44,18 @@ Swp08Backend::Swp08Backend(asio::io_context& io, Router& router, BackendSettings
       reconnect_(io),
       link_({settings_.swp08.ack_timeout, settings_.swp08.resends}),
       availability_(log, settings_.reconnect_first, settings_.reconnect_most) {
-    for (const LevelSpec& spec : router_.levels()) {
+    for (const LevelSpec& configured : router_.levels()) {
         Level level;
-        level.number = spec.number;
-        const auto where = settings_.swp08.levels.find(spec.number);
+        level.number = configured.number;
+        const auto where = settings_.swp08.levels.find(configured.number);
         level.matrix = where != settings_.swp08.levels.end() ? where->second.matrix : 0;
-        level.level = where != settings_.swp08.levels.end() ? where->second.level : spec.number;
-        level.sources = spec.sources;
-        level.destinations = spec.destinations;
-        const auto size = static_cast<std::size_t>(spec.destinations);
+        level.level = where != settings_.swp08.levels.end() ? where->second.level : configured.number;
+        level.sources = configured.sources;
+        level.destinations = configured.destinations;
+        const auto size = static_cast<std::size_t>(configured.destinations);
         level.protected_by.assign(size, kUnprotected);
         level.reported.assign(size, false);
-        for (int d = 0; d < spec.destinations; ++d) level.leitch_locks.push_back(router_.lock_of(spec.number, d));
+        for (int d = 0; d < configured.destinations; ++d) level.leitch_locks.push_back(router_.lock_of(configured.number, d));
         index_of_level_[level.number] = levels_.size();
         index_of_router_[level.matrix * 256 + level.level] = levels_.size();
         levels_.push_back(std::move(level));
