@@ -5,6 +5,7 @@ router its "S:" reports draw."""
 import random
 import re
 import socket
+import sys
 import threading
 import time
 
@@ -96,3 +97,54 @@ class LeitchChurner(threading.Thread):
             answer += self.sock.recv(65536)
         asked.take_in(answer + b"\r\n")
         return asked.sources
+
+
+def churn(test, routerd, router, direct, at_router, seconds, restart_every, sources, destinations, quiet=1.5):
+    """8 Leitch clients and the `direct` controllers (threads, started here) churn
+    for `seconds`, the router restarted every `restart_every`; then, once the
+    gateway is up and `quiet` has passed, the router (`at_router()`), the API
+    and every client's picture must agree. Stops every thread it started."""
+    from routerd import request
+
+    stop = direct[0].stop if direct else threading.Event()
+    leitch = [LeitchChurner(routerd.port, n + 1, stop, seed=n, inputs=sources, outputs=destinations) for n in range(8)]
+    try:
+        for thread in leitch + direct:
+            thread.start()
+        started = time.monotonic()
+        restarts = 0
+        while time.monotonic() - started < seconds:
+            time.sleep(min(restart_every, seconds - (time.monotonic() - started)))
+            if time.monotonic() - started < seconds:
+                router.restart()
+                restarts += 1
+        stop.set()
+        for thread in leitch + direct:
+            thread.join(10)
+        for client in leitch:
+            test.assertIsNone(client.error)
+        # Quiet: the gateway is connected and every take has been decided.
+        deadline = time.monotonic() + 10
+        while time.monotonic() < deadline:
+            links = request(routerd, "GET", "/api/links")[1]["links"]
+            if [link for link in links if link["kind"] == "router"][0]["up"]:
+                break
+            time.sleep(0.1)
+        time.sleep(quiet)
+        crosspoints = at_router()
+        status, level = request(routerd, "GET", "/api/levels/0")
+        test.assertEqual(status, 200)
+        test.assertEqual(level["crosspoints"], crosspoints)
+        expected = dict(enumerate(crosspoints))
+        for client in leitch:
+            client.drain(0.3)
+            test.assertEqual(client.picture.sources, expected, "client %d's reports" % client.number)
+            test.assertEqual(client.status(), expected, "client %d's @ S?0" % client.number)
+        print("churn: %.0f s, %d restarts, %d Leitch actions, %d direct takes, %d away lines" % (
+            seconds, restarts, sum(c.actions for c in leitch), sum(d.takes for d in direct),
+            routerd.count("is away")), file=sys.stderr)
+        test.assertGreaterEqual(routerd.count("is back after"), restarts)
+    finally:
+        stop.set()
+        for client in leitch:
+            client.sock.close()

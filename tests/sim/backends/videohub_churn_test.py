@@ -16,8 +16,8 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
 
-from leitch_churn import LeitchChurner  # noqa: E402
-from routerd import Routerd, request  # noqa: E402
+from leitch_churn import churn  # noqa: E402
+from routerd import Routerd  # noqa: E402
 from videohub_router import VideohubRouter  # noqa: E402
 
 SECONDS = float(os.environ.get("LEITCH_CHURN_SECONDS", "60"))
@@ -70,52 +70,12 @@ class Churn(unittest.TestCase):
         port = router.start()
         routerd = Routerd("--config", QUICK, "--backend", "videohub:127.0.0.1:%d" % port, announced=3)
         stop = threading.Event()
-        leitch = [LeitchChurner(routerd.port, n + 1, stop, seed=n, inputs=INPUTS, outputs=OUTPUTS) for n in range(8)]
         direct = [DirectChurner(port, stop, seed=100 + n) for n in range(2)]
         try:
-            for thread in leitch + direct:
-                thread.start()
-            started = time.monotonic()
-            restarts = 0
-            while time.monotonic() - started < SECONDS:
-                time.sleep(min(RESTART_EVERY, SECONDS - (time.monotonic() - started)))
-                if time.monotonic() - started < SECONDS:
-                    router.restart()
-                    restarts += 1
-            stop.set()
-            for thread in leitch + direct:
-                thread.join(10)
-            for client in leitch:
-                self.assertIsNone(client.error)
-            # Quiet: the gateway is connected and has nothing on its way.
-            self.assertTrue(routerd.log_contains("answered") or routerd.log_contains("is back"))
-            deadline = time.monotonic() + 10
-            while time.monotonic() < deadline:
-                links = request(routerd, "GET", "/api/links")[1]["links"]
-                if [link for link in links if link["kind"] == "router"][0]["up"]:
-                    break
-                time.sleep(0.1)
-            time.sleep(1.5)
-            at_router = router.routes()
-            status, level = request(routerd, "GET", "/api/levels/0")
-            self.assertEqual(status, 200)
-            self.assertEqual(level["crosspoints"], at_router)
-            for client in leitch:
-                client.drain(0.3)
-                expected = dict(enumerate(at_router))
-                self.assertEqual(client.picture.sources, expected, "client %d's reports" % client.number)
-                self.assertEqual(client.status(), expected, "client %d's @ S?0" % client.number)
-            print("churn: %.0f s, %d restarts, %d Leitch actions, %d direct takes, %d away lines" % (
-                SECONDS, restarts, sum(c.actions for c in leitch), sum(d.takes for d in direct),
-                routerd.count("is away")), file=sys.stderr)
-            self.assertGreaterEqual(routerd.count("is back after"), restarts)
+            churn(self, routerd, router, direct, router.routes, SECONDS, RESTART_EVERY, INPUTS, OUTPUTS)
         finally:
-            stop.set()
-            for client in leitch:
-                client.sock.close()
             routerd.close()
             router.stop()
-
 
 if __name__ == "__main__":
     unittest.main()
