@@ -168,6 +168,16 @@ class Routerd:
         self.close()
 
 
+def wait_until(predicate, timeout=5.0):
+    """True once predicate() holds, checked every 20 ms; its last value after `timeout` s."""
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if predicate():
+            return True
+        time.sleep(0.02)
+    return predicate()
+
+
 def run_routerd(*args, timeout=30):
     """(exit code, standard output, standard error) of a simulator that is not
     expected to start, run with "--http off" and then `args`."""

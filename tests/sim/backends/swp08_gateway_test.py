@@ -12,7 +12,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
 
-from routerd import LeitchClient, Routerd, request  # noqa: E402
+from routerd import LeitchClient, Routerd, request, wait_until  # noqa: E402
 from swp08_client import Swp08Client, connect  # noqa: E402
 from swp08_router import Swp08Router  # noqa: E402
 
@@ -34,15 +34,6 @@ connect_timeout_ms = 500
 [[listen]]
 address = "127.0.0.1:0"
 """
-
-
-def wait_until(predicate, timeout=5.0):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if predicate():
-            return True
-        time.sleep(0.02)
-    return predicate()
 
 
 def commands(router, wanted):

@@ -12,7 +12,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
 
-from routerd import LeitchClient, Routerd, receive_until, request  # noqa: E402
+from routerd import LeitchClient, Routerd, receive_until, request, wait_until  # noqa: E402
 from videohub_router import PANEL, VideohubRouter  # noqa: E402
 
 
@@ -32,15 +32,6 @@ class DirectClient:
 
     def close(self):
         self.sock.close()
-
-
-def wait_until(predicate, timeout=5.0):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if predicate():
-            return True
-        time.sleep(0.02)
-    return predicate()
 
 
 class Gateway(unittest.TestCase):
